@@ -1,0 +1,24 @@
+# Install rules: the shared library, its C header, a pkg-config file and a CMake package config so
+# other projects can use `find_package(Sonel)` or `pkg-config sonel-audio-sdk`.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS sonel-audio-sdk EXPORT SonelTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT SonelTargets NAMESPACE Sonel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Sonel)
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/SonelConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/SonelConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Sonel)
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/SonelConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/SonelConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/SonelConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Sonel)
+
+configure_file(${CMAKE_CURRENT_LIST_DIR}/sonel-audio-sdk.pc.in
+  ${CMAKE_CURRENT_BINARY_DIR}/sonel-audio-sdk.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sonel-audio-sdk.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,64 @@
+#pragma once
+// The cleaners' front end: the windowed block's spectrum, rescaled band log powers, the feature
+// context of the last frames and its normalisation into the network input. The NumPy reference
+// under tools/reference computes the same features for training.
+#include <complex>
+#include <memory>
+#include <vector>
+
+#include "noise_canceller/band_layout.h"
+#include "utils/cyclic_block_data.h"
+#include "weights/weight.h"
+
+namespace SONEL::UTILS {
+class FFT;
+}
+
+namespace SONEL::NOISE_CANCELLER {
+
+// Geometry and normalisation of a spectral model, read from its weight.
+struct FrontEndParams {
+    unsigned sampleRate = 0;
+    unsigned step = 0;         // hop H in samples
+    unsigned frameLength = 0;  // block length N = 2 H
+    unsigned filtrBegin = 0;
+    unsigned filtrEnd = 0;
+    unsigned previewFrames = 0;
+    unsigned coefficientNumber = 0;
+    float freezeLowEnThr = 0.0f;
+    float freezeHighEnThr = 0.0f;
+    std::vector<float> mu;
+    std::vector<float> sd;
+    float logEpsilon = 0.0f;
+
+    // Throws SonelException for a missing record or an inconsistent geometry.
+    static FrontEndParams read(const WEIGHTS::Weight& weight);
+};
+
+class FeatureExtractor {
+public:
+    FeatureExtractor(const FrontEndParams& params, unsigned compressRate,
+                     std::shared_ptr<UTILS::FFT> fft);
+
+    // Transforms the windowed block and appends its features to the context; gain scales the
+    // spectrum magnitudes before the power is taken (the level normalisation).
+    void analyse(const float* windowedBlock, float gain);
+    const std::vector<std::complex<float>>& spectrum() const { return spectrum_; }
+    // The normalised context, oldest frame first.
+    const std::vector<float>& networkInput() const { return input_; }
+    const BandLayout& bands() const { return bands_; }
+    void reset();
+
+private:
+    const FrontEndParams& params_;
+    BandLayout bands_;
+    std::shared_ptr<UTILS::FFT> fft_;
+    std::vector<std::complex<float>> spectrum_;
+    std::vector<float> power_;
+    std::vector<float> bandLog_;
+    CONTAINERS::CyclicBlockData context_;
+    size_t contextLength_;
+    std::vector<float> input_;
+};
+
+}  // namespace SONEL::NOISE_CANCELLER

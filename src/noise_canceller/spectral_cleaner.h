@@ -1,0 +1,68 @@
+#pragma once
+// The frame loop every spectral noise cleaner shares: buffering into 50 %-overlapped blocks, the
+// front end, the energy gate, mask expansion and post-processing, synthesis, overlap-add and the
+// frame info. A model class only supplies its network: band gains from the feature context.
+#include <complex>
+#include <vector>
+
+#include "noise_canceller/energy_gate.h"
+#include "noise_canceller/feature_extractor.h"
+#include "noise_canceller/mask_post_processor.h"
+#include "noise_canceller/noise_cleaner.h"
+#include "utils/cyclic_block_data.h"
+
+namespace SONEL::NOISE_CANCELLER {
+
+class SpectralCleaner : public NoiseCleaner {
+public:
+    bool cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info, bool flag) override;
+    bool resetSession() override;
+    bool background_speaker_fix_switch(bool on) override;
+
+    // One block of FrameLength samples in, its cleaned and windowed synthesis in `out`.
+    bool mainCleaner(const float* block, std::vector<float>& out, ncAudioInfo_t* info, bool notClipped);
+
+    const FrontEndParams& frontEnd() const { return frontEnd_; }
+    const MaskParams& maskParams() const { return maskParams_; }
+    // Samples between a sample entering and leaving the cleaner: one hop.
+    unsigned delaySamples() const { return frontEnd_.step; }
+
+protected:
+    SpectralCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate, const ParameterKeys& keys);
+
+    size_t inputLength() const { return features_.networkInput().size(); }
+    size_t bandCount() const { return features_.bands().bandCount(); }
+
+private:
+    // The model's band gains (bandCount() values in [0, 1]) for the current feature context.
+    virtual void computeBandGains(const std::vector<float>& networkInput,
+                                  std::vector<float>& bandGains) = 0;
+    virtual void resetNetwork() = 0;
+
+    void primeBuffers();
+
+    FrontEndParams frontEnd_;
+    MaskParams maskParams_;
+    std::vector<float> window_;
+    double windowEnergy_;
+    FeatureExtractor features_;
+    EnergyGate gate_;
+    MaskPostProcessor post_;
+    size_t maxFrame_;
+    CONTAINERS::CyclicBlockData input_;
+    CONTAINERS::CyclicBlockData output_;
+
+    // Per-block scratch, sized at construction.
+    std::vector<float> windowed_;
+    std::vector<float> block_;
+    std::vector<float> bandGains_;
+    std::vector<float> binGains_;
+    std::vector<std::complex<float>> masked_;
+
+    bool skipCurrentFrame_ = false;
+    double voiceEnergy_ = 0.0;
+    double noiseEnergy_ = 0.0;
+    unsigned blocksInFrame_ = 0;
+};
+
+}  // namespace SONEL::NOISE_CANCELLER

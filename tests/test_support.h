@@ -1,0 +1,51 @@
+#pragma once
+// Helpers shared by the test suites: scratch folders and small model files.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "sonel-audio-sdk.h"
+#include "weights/weight_writer.h"
+
+namespace sonel_test {
+
+// A fresh folder under the system temp folder, removed with the object.
+class ScratchDir {
+public:
+    ScratchDir() {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "sonel-test-XXXXXX").string();
+        path_ = mkdtemp(pattern.data());
+    }
+    ~ScratchDir() { std::filesystem::remove_all(path_); }
+    std::string file(const std::string& name) const { return (path_ / name).string(); }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// The records every model carries: what selection, caching and session set-up read.
+inline SONEL::WEIGHTS::WeightWriter headerRecords(const std::string& version, unsigned rate,
+                                                  unsigned frameLength,
+                                                  const std::string& name = "test-model") {
+    SONEL::WEIGHTS::WeightWriter writer;
+    writer.add("Version", version);
+    writer.add("SampleRate", rate);
+    writer.add("FrameLength", frameLength);
+    writer.add("ModelName", name);
+    writer.add("TimeStamp", std::string("20261122T000000"));
+    return writer;
+}
+
+inline std::wstring wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
+
+// Holds one global reference for the length of a test.
+struct GlobalInstance {
+    GlobalInstance() { EXPECT_EQ(sonelAudioGlobalInit(nullptr), SONEL_AUDIO_OK); }
+    ~GlobalInstance() { EXPECT_EQ(sonelAudioGlobalDestroy(), SONEL_AUDIO_OK); }
+};
+
+}  // namespace sonel_test

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs everything Sonel needs to build, test and run on Debian 12 (run as root). Packages
+# already present are not fetched again, so repeated runs are quick and work offline.
+set -euo pipefail
+packages=(
+  build-essential cmake pkg-config git
+  libopenblas-serial-dev libkissfft-dev libresample1-dev libsndfile1-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  python3 python3-numpy python3-scipy python3-soundfile
+)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
