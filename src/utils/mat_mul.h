@@ -1,0 +1,45 @@
+#pragma once
+// Affine layers of the speech models: every call sets the output to a copy of the bias and lets
+// BLAS accumulate the product into it (alpha = 1, beta = 1), row-major, unit strides. The output
+// takes the bias length; a caller that reuses its output vector across frames never allocates.
+// The shapes of the matrix and the input are the caller's responsibility and are not checked.
+#include <cmath>
+#include <cstddef>
+#include <vector>
+
+#include "utils/matrix.h"
+
+namespace SONEL::UTIL_FUNCTIONS {
+
+using CONTAINERS::Matrix;
+
+// y = W·x + b
+void matMulPlusB(const Matrix& W, const std::vector<float>& x, const Matrix& b,
+                 std::vector<float>& y);
+void matMulPlusB(const Matrix& W, const std::vector<float>& x, const std::vector<float>& b,
+                 std::vector<float>& y);
+void matMulPlusB(const Matrix& W, const float* x, size_t n, const std::vector<float>& b,
+                 std::vector<float>& y);
+
+// y = x·W + b, x taken as a row vector of length W.rows
+void matMulPlusB(const std::vector<float>& x, const Matrix& W, const Matrix& b,
+                 std::vector<float>& y);
+void matMulPlusB(const std::vector<float>& x, const Matrix& W, const std::vector<float>& b,
+                 std::vector<float>& y);
+void matMulPlusB(const float* x, size_t n, const Matrix& W, const std::vector<float>& b,
+                 std::vector<float>& y);
+
+// Y = A·B + C; Y becomes A.rows × B.columns
+void matMulPlusB(const Matrix& A, const Matrix& B, const Matrix& C, Matrix& Y);
+
+}  // namespace SONEL::UTIL_FUNCTIONS
+
+namespace SONEL::UTILS {
+
+// Logistic gate of the recurrent layers, 1 / (1 + e^(−x)) in single precision. For x below
+// about −88 e^(−x) overflows to +inf and the result is exactly 0, which is the correct limit.
+struct SigmoidOperator {
+    float operator()(float x) const { return 1.0f / (1.0f + std::exp(-x)); }
+};
+
+}  // namespace SONEL::UTILS
