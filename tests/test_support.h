@@ -7,7 +7,7 @@
 #include <string>
 
 #include "sonel-audio-sdk.h"
-#include "weights/weight_writer.h"
+#include "model_factory.h"
 
 namespace sonel_test {
 
@@ -26,19 +26,6 @@ public:
 private:
     std::filesystem::path path_;
 };
-
-// The records every model carries: what selection, caching and session set-up read.
-inline SONEL::WEIGHTS::WeightWriter headerRecords(const std::string& version, unsigned rate,
-                                                  unsigned frameLength,
-                                                  const std::string& name = "test-model") {
-    SONEL::WEIGHTS::WeightWriter writer;
-    writer.add("Version", version);
-    writer.add("SampleRate", rate);
-    writer.add("FrameLength", frameLength);
-    writer.add("ModelName", name);
-    writer.add("TimeStamp", std::string("20261122T000000"));
-    return writer;
-}
 
 inline std::wstring wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
 

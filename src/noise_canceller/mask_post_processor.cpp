@@ -49,7 +49,8 @@ MaskParams MaskParams::read(const WEIGHTS::ModelPair& model, const ParameterKeys
     // An out-of-range percentage means no increase.
     const float percent = lookupParameter(model, keys.key("VOLUME_UP_PERCENT"), 0.0f);
     p.volumeUpPercent = percent > 0.0f && percent < 200.0f ? percent : 0.0f;
-    if (p.volumeUp && p.volumeUpPercent > 0.0f && !p.clipFix) {
+    // Any valid percentage could push the output past full scale, so it brings the clip fix.
+    if (p.volumeUpPercent > 0.0f && !p.clipFix) {
         std::cout << "WARNING: Enabled Clip fix, because VolumeUp is Enabled" << std::endl;
         p.clipFix = true;
     }

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <random>
 
-#include "noise_canceller/cleaner_models.h"
+#include "test_support.h"
 #include "noise_canceller/noise_cleaner_v0_0_5.h"
 
 using namespace sonel_test;

@@ -8,7 +8,7 @@
 #include <random>
 #include <vector>
 
-#include "noise_canceller/cleaner_models.h"
+#include "test_support.h"
 #include "noise_canceller/noise_cleaner.h"
 #include "sonel_audio_sdk/instance.h"
 #include "sonel_audio_sdk/session.h"

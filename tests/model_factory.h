@@ -1,13 +1,28 @@
 #pragma once
-// v0.0.5 model files for tests: a pass-through model (every gain 1) and random small networks.
+// Model files for tests and benchmarks: the header records every model carries, a pass-through
+// v0.0.5 cleaner (every gain 1) and random networks of a chosen size.
+#include <cmath>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "noise_canceller/band_layout.h"
-#include "test_support.h"
+#include "weights/weight_writer.h"
 
 namespace sonel_test {
+
+// The records every model carries: what selection, caching and session set-up read.
+inline SONEL::WEIGHTS::WeightWriter headerRecords(const std::string& version, unsigned rate,
+                                                  unsigned frameLength,
+                                                  const std::string& name = "test-model") {
+    SONEL::WEIGHTS::WeightWriter writer;
+    writer.add("Version", version);
+    writer.add("SampleRate", rate);
+    writer.add("FrameLength", frameLength);
+    writer.add("ModelName", name);
+    writer.add("TimeStamp", std::string("20261122T000000"));
+    return writer;
+}
 
 struct CleanerModelSpec {
     unsigned rate = 16000;

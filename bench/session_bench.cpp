@@ -1,0 +1,71 @@
+// One 10 ms frame through the public float path, at 16 and 48 kHz host rates, with 16 and 32 kHz
+// models of the size the shipped models use (random weights: the cost does not depend on them).
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "model_factory.h"
+#include "sonel-audio-sdk.h"
+
+namespace {
+
+// Shipped geometry: bins 1 .. N/2, compress rate 4 at 32 kHz (60 bands) and 3 at 16 kHz
+// (50 bands), two frames of context, two hidden layers.
+sonel_test::CleanerModelSpec shippedSize(unsigned rate) {
+    sonel_test::CleanerModelSpec spec;
+    spec.rate = rate;
+    spec.compressRate = rate == 32000 ? 4 : 3;
+    spec.previewFrames = 2;
+    spec.hidden = rate == 32000 ? 128 : 96;
+    spec.layers = 2;
+    spec.weightScale = 1.0f;
+    spec.outputBias = 0.0f;
+    spec.fullBand = false;
+    return spec;
+}
+
+void BM_NcFrame(benchmark::State& state) {
+    const auto hostRate = static_cast<unsigned>(state.range(0));
+    const auto modelRate = static_cast<unsigned>(state.range(1));
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("sonel-bench-" + std::to_string(modelRate) + ".vlw")).string();
+    sonel_test::cleanerModel(shippedSize(modelRate)).writeFile(path);
+    sonelAudioGlobalInit(nullptr);
+    const std::wstring widePath(path.begin(), path.end());
+    sonelAudioSetModel(widePath.c_str(), "bench");
+    void* session = sonelAudioNcCreateSession(static_cast<SonelAudioSamplingRate>(hostRate),
+                                              static_cast<SonelAudioSamplingRate>(hostRate),
+                                              SONEL_AUDIO_FRAME_10MS, "bench");
+    if (!session) {
+        state.SkipWithError("session could not be created");
+        return;
+    }
+    const unsigned frame = hostRate / 100;
+    std::vector<float> in(frame), out(frame);
+    for (unsigned i = 0; i < frame; ++i) in[i] = 0.1f * std::sin(0.05f * i) + 0.01f * ((i * 7919) % 13 - 6);
+    for (auto _ : state) {
+        sonelAudioNcCleanAmbientNoiseFloat(session, in.data(), frame, out.data(), frame);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetItemsProcessed(state.iterations());
+    // Real-time factor: audio time per processing time (10 ms per frame).
+    state.counters["x_realtime"] =
+        benchmark::Counter(0.01 * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+    sonelAudioNcCloseSession(session);
+    sonelAudioRemoveModel("bench");
+    sonelAudioGlobalDestroy();
+    std::filesystem::remove(path);
+}
+
+BENCHMARK(BM_NcFrame)
+    ->ArgNames({"host_hz", "model_hz"})
+    ->Args({16000, 16000})
+    ->Args({48000, 16000})
+    ->Args({16000, 32000})
+    ->Args({48000, 32000});
+
+}  // namespace
