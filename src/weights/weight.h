@@ -28,6 +28,7 @@ enum WeightRecordType : uint32_t {
 class SONEL_EXPORT Weight {
 public:
     // Loads by extension: "sw" enciphered, "vlw" plain. False on failure, with message() set.
+    // Every load starts from an empty weight; a failed one leaves it empty.
     bool load(const std::wstring& path);
     // Loads an enciphered blob (same layout as an "sw" file).
     bool loadBlob(const void* data, size_t size);
