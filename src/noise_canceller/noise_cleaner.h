@@ -31,6 +31,8 @@ public:
     virtual bool cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info, bool flag) = 0;
     virtual bool resetSession() { return true; }
     virtual bool background_speaker_fix_switch(bool /*on*/) { return false; }
+    // Samples at the model's rate between a sample entering cleanNoise and leaving it.
+    virtual unsigned delaySamples() const { return 0; }
 
     std::string getVersion() const;
     unsigned sampleRate() const { return sampleRate_; }

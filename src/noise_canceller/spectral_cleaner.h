@@ -24,8 +24,8 @@ public:
 
     const FrontEndParams& frontEnd() const { return frontEnd_; }
     const MaskParams& maskParams() const { return maskParams_; }
-    // Samples between a sample entering and leaving the cleaner: one hop.
-    unsigned delaySamples() const { return frontEnd_.step; }
+    // One hop: the block that completes a sample's output needs the next hop of input.
+    unsigned delaySamples() const override { return frontEnd_.step; }
 
 protected:
     SpectralCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate, const ParameterKeys& keys);

@@ -202,6 +202,16 @@ bool SonelAudioSessionT::resetNoiseDBSession() {
     return true;
 }
 
+double SonelAudioSessionT::latencySamples() const {
+    double atModelRate = cleaner_->delaySamples();
+    if (inputResampler_) atModelRate += static_cast<double>(inputResampler_->leadingSilence());
+    double atOutputRate = atModelRate;
+    if (outputResampler_)
+        atOutputRate = atModelRate * outputResampler_->factor() +
+                       static_cast<double>(outputResampler_->leadingSilence());
+    return atOutputRate;
+}
+
 void SonelAudioSessionT::noiseVoiceStats(NoiseVoiceStats* stats) { cleaner_->getNcStats(stats); }
 
 }  // namespace SONEL::SONEL_AUDIO

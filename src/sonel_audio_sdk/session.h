@@ -29,6 +29,10 @@ public:
     unsigned inputFrameSize() const { return inputFrameSize_; }
     unsigned outputFrameSize() const { return outputFrameSize_; }
     NOISE_CANCELLER::NoiseCleaner& cleaner() { return *cleaner_; }
+    // Delay from the caller's input to its output in output-rate samples, once the first frame
+    // has been processed (the resamplers fix theirs on their first call). Fractional when the
+    // rates make the resampled delay fall between samples.
+    double latencySamples() const;
 
     bool cleanNoise(const short* in, unsigned long inSize, short* out, unsigned long outSize,
                     ncAudioInfo_t* info, bool flag);

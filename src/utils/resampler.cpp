@@ -39,6 +39,7 @@ bool Resampler::reset() {
     handle_ = openHandle(factor_);
     pending_ = 0;
     first_ = true;
+    head_ = 0;
     return true;
 }
 
@@ -81,6 +82,7 @@ int Resampler::resample(const std::vector<float>& in, std::vector<float>& out) {
         first_ = false;
         shown = std::min(available > 0 ? available - 1 : 0, expected);
         const size_t head = expected - shown;
+        head_ = head;
         std::fill(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(head), 0.0f);
         std::copy(carry_.begin(), carry_.begin() + static_cast<std::ptrdiff_t>(shown),
                   out.begin() + static_cast<std::ptrdiff_t>(head));

@@ -26,6 +26,9 @@ public:
     // the count written.
     int resample(float* in, int inLength, float* out, int outCapacity);
 
+    // Silence the first call put ahead of the stream: the constant delay, in output samples, of
+    // everything delivered since construction or reset (0 before the first call).
+    size_t leadingSilence() const { return head_; }
     double factor() const { return factor_; }
     double inRate() const { return inRate_; }
     double outRate() const { return outRate_; }
@@ -39,6 +42,7 @@ private:
     const size_t spareRoom_ = 1024;
     size_t pending_ = 0;
     bool first_ = true;
+    size_t head_ = 0;
     std::vector<float> carry_;
 };
 

@@ -1,0 +1,224 @@
+// `sonel denoise`: cleans an audio file through the library's public float path, one session per
+// channel, with the output aligned to the input and exactly as long.
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <vector>
+
+#include "sonel-audio-sdk.h"
+#include "sonel/command.h"
+#include "sonel/embedded_model.h"
+#include "sonel_audio_sdk/instance.h"
+#include "sonel_audio_sdk/session.h"
+
+namespace sonel_cli {
+
+namespace {
+
+constexpr const char* kModelName = "default";
+
+struct SndFileCloser {
+    void operator()(SNDFILE* f) const { sf_close(f); }
+};
+using SndFile = std::unique_ptr<SNDFILE, SndFileCloser>;
+
+bool supportedRate(int rate) {
+    for (int r : {8000, 16000, 24000, 32000, 44100, 48000, 88200, 96000})
+        if (r == rate) return true;
+    return false;
+}
+
+// The registry reports on standard output; the tool shows those lines only when loading fails.
+class QuietStdout {
+public:
+    QuietStdout() : saved_(std::cout.rdbuf(captured_.rdbuf())) {}
+    ~QuietStdout() { std::cout.rdbuf(saved_); }
+    std::string text() const { return captured_.str(); }
+
+private:
+    std::ostringstream captured_;
+    std::streambuf* saved_;
+};
+
+// Holds one global reference and the model for the length of the command.
+class Library {
+public:
+    Library() { ok_ = sonelAudioGlobalInit(nullptr) == SONEL_AUDIO_OK; }
+    ~Library() {
+        if (ok_) sonelAudioGlobalDestroy();
+    }
+    bool ok() const { return ok_; }
+
+private:
+    bool ok_;
+};
+
+int loadModel(const std::string& path) {
+    QuietStdout quiet;
+    int32_t result;
+    if (!path.empty()) {
+        if (!std::filesystem::exists(path)) return reportError("model file '" + path + "' not found");
+        const std::wstring widePath(path.begin(), path.end());
+        result = sonelAudioSetModel(widePath.c_str(), kModelName);
+    } else {
+        if (kEmbeddedModelSize == 0)
+            return reportError("this build has no embedded model; pass --model FILE", kExitUsage);
+        result = sonelAudioSetModelBlob(kEmbeddedModel, kEmbeddedModelSize, kModelName);
+    }
+    if (result == SONEL_AUDIO_OK) return 0;
+    std::string details = quiet.text();
+    std::replace(details.begin(), details.end(), '\n', ' ');
+    return reportError("cannot load model '" + (path.empty() ? "embedded" : path) + "': " + details);
+}
+
+// Major format for the output from its extension; the input's sample encoding is kept when the
+// output format can hold it, else 16-bit PCM.
+int outputFormat(const std::string& path, int inputFormat, int channels, int rate) {
+    std::string ext = std::filesystem::path(path).extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    int major = 0;
+    if (ext == ".wav") major = SF_FORMAT_WAV;
+    else if (ext == ".flac") major = SF_FORMAT_FLAC;
+    else return 0;
+    SF_INFO probe{};
+    probe.channels = channels;
+    probe.samplerate = rate;
+    probe.format = major | (inputFormat & SF_FORMAT_SUBMASK);
+    if (sf_format_check(&probe)) return probe.format;
+    return major | SF_FORMAT_PCM_16;
+}
+
+void printProgress(double done) {
+    const int width = 40;
+    const int filled = static_cast<int>(done * width);
+    std::fprintf(stderr, "\r[%s%s] %3d%%", std::string(filled, '#').c_str(),
+                 std::string(width - filled, ' ').c_str(), static_cast<int>(done * 100));
+}
+
+void printStats(const std::vector<void*>& sessions) {
+    for (size_t c = 0; c < sessions.size(); ++c) {
+        SonelAudioNcStats stats{};
+        if (sonelAudioNcWithStatsRetrieveStats(sessions[c], &stats) != SONEL_AUDIO_OK) continue;
+        std::printf("channel %zu: talk %.2f s; noise none %.2f s, low %.2f s, medium %.2f s, high %.2f s\n",
+                    c + 1, stats.talkTimeMs / 1000.0, stats.noNoiseMs / 1000.0, stats.lowNoiseMs / 1000.0,
+                    stats.mediumNoiseMs / 1000.0, stats.highNoiseMs / 1000.0);
+    }
+}
+
+}  // namespace
+
+int runDenoise(const Args& args) {
+    std::vector<std::string> files;
+    std::string modelPath;
+    bool withStats = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--model" && i + 1 < args.size()) modelPath = args[++i];
+        else if (args[i] == "--stats") withStats = true;
+        else if (args[i].rfind("--", 0) == 0) return reportError("unknown option '" + args[i] + "'", kExitUsage);
+        else files.push_back(args[i]);
+    }
+    if (files.size() != 2) return reportError("denoise needs IN and OUT files", kExitUsage);
+    const std::string& inPath = files[0];
+    const std::string& outPath = files[1];
+
+    SF_INFO info{};
+    SndFile in(sf_open(inPath.c_str(), SFM_READ, &info));
+    if (!in) return reportError("cannot read '" + inPath + "': " + sf_strerror(nullptr));
+    if (!supportedRate(info.samplerate))
+        return reportError("'" + inPath + "' is at " + std::to_string(info.samplerate) +
+                           " Hz; supported rates are 8000, 16000, 24000, 32000, 44100, 48000, 88200 and 96000 Hz");
+    const int format = outputFormat(outPath, info.format, info.channels, info.samplerate);
+    if (format == 0) return reportError("'" + outPath + "': the output must be a .wav or .flac file", kExitUsage);
+
+    const auto channels = static_cast<size_t>(info.channels);
+    const auto length = static_cast<size_t>(info.frames);
+    std::vector<float> interleaved(length * channels);
+    if (static_cast<size_t>(sf_readf_float(in.get(), interleaved.data(), info.frames)) != length)
+        return reportError("cannot read '" + inPath + "': " + sf_strerror(in.get()));
+    in.reset();
+
+    Library library;
+    if (!library.ok()) return reportError("the library could not be initialised");
+    if (int status = loadModel(modelPath)) return status;
+
+    const auto rate = static_cast<SonelAudioSamplingRate>(info.samplerate);
+    std::vector<void*> sessions;
+    for (size_t c = 0; c < channels; ++c) {
+        void* s = withStats ? sonelAudioNcWithStatsCreateSession(rate, rate, SONEL_AUDIO_FRAME_10MS, kModelName)
+                            : sonelAudioNcCreateSession(rate, rate, SONEL_AUDIO_FRAME_10MS, kModelName);
+        if (!s) return reportError("the model cannot run at " + std::to_string(info.samplerate) + " Hz");
+        sessions.push_back(s);
+    }
+
+    // Process each channel as a stream of 10 ms frames, the last one padded with silence, and go
+    // on until the delayed output covers the whole input.
+    const unsigned frame = SONEL::getSampleCount(10, static_cast<unsigned>(info.samplerate));
+    const bool showProgress = isatty(STDERR_FILENO) && length > static_cast<size_t>(info.samplerate) * 10;
+    std::vector<float> cleaned(length * channels, 0.0f);
+    std::vector<float> frameIn(frame), out(frame);
+    std::vector<std::vector<float>> streams(channels);
+    const auto start = std::chrono::steady_clock::now();
+    size_t delay = 0;
+    for (size_t c = 0; c < channels; ++c) {
+        auto* session = static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(sessions[c]);
+        std::vector<float>& stream = streams[c];
+        for (size_t pos = 0; pos == 0 || stream.size() < length + delay; pos += frame) {
+            for (unsigned i = 0; i < frame; ++i)
+                frameIn[i] = pos + i < length ? interleaved[(pos + i) * channels + c] : 0.0f;
+            SonelAudioNcFrameInfo frameInfo;
+            const int32_t result =
+                withStats ? sonelAudioNcWithStatsCleanAmbientNoiseFloat(session, frameIn.data(), frame, out.data(), frame, &frameInfo)
+                          : sonelAudioNcCleanAmbientNoiseFloat(session, frameIn.data(), frame, out.data(), frame);
+            if (result != SONEL_AUDIO_OK) return reportError("cleaning failed at sample " + std::to_string(pos));
+            stream.insert(stream.end(), out.begin(), out.end());
+            if (pos == 0) delay = static_cast<size_t>(std::lround(session->latencySamples()));
+            if (showProgress && (pos / frame) % 100 == 0)
+                printProgress((static_cast<double>(c) + std::min(1.0, static_cast<double>(pos) / length)) / channels);
+        }
+        for (size_t i = 0; i < length; ++i) cleaned[i * channels + c] = stream[i + delay];
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (showProgress) std::fprintf(stderr, "\r%60s\r", "");
+
+    // Write next to the destination and rename, so a failure never leaves a partial file.
+    const std::string partial = outPath + ".partial";
+    SF_INFO outInfo{};
+    outInfo.channels = info.channels;
+    outInfo.samplerate = info.samplerate;
+    outInfo.format = format;
+    {
+        SndFile out(sf_open(partial.c_str(), SFM_WRITE, &outInfo));
+        if (!out) return reportError("cannot write '" + outPath + "': " + sf_strerror(nullptr));
+        sf_command(out.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
+        if (static_cast<size_t>(sf_writef_float(out.get(), cleaned.data(), info.frames)) != length) {
+            const std::string reason = sf_strerror(out.get());
+            out.reset();
+            std::filesystem::remove(partial);
+            return reportError("cannot write '" + outPath + "': " + reason);
+        }
+    }
+    std::error_code renamed;
+    std::filesystem::rename(partial, outPath, renamed);
+    if (renamed) {
+        std::filesystem::remove(partial);
+        return reportError("cannot write '" + outPath + "': " + renamed.message());
+    }
+
+    if (withStats) printStats(sessions);
+    for (void* s : sessions) withStats ? sonelAudioNcWithStatsCloseSession(s) : sonelAudioNcCloseSession(s);
+    const double audioSeconds = static_cast<double>(length) / info.samplerate;
+    std::printf("cleaned %.2f s of audio (%zu channel%s, %d Hz) in %.2f s: %.0fx real time\n", audioSeconds,
+                channels, channels == 1 ? "" : "s", info.samplerate, seconds,
+                seconds > 0 ? audioSeconds * channels / seconds : 0.0);
+    return 0;
+}
+
+}  // namespace sonel_cli
