@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
-# The main job: set-up, build, then show the library version and the records of a model file.
+# The main job: set-up, build, make a noisy sample from the held-out corpus (or take the shipped
+# one) and clean it with the model embedded in the sonel tool.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup-debian.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DSONEL_BUILD_TESTS=OFF -DSONEL_BUILD_BENCH=OFF >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build build -j"$(nproc)" --target sonel
-./build/tools/sonel version
+mkdir -p build/demo
+/usr/bin/python3 tools/make_demo_sample.py build/demo/noisy.wav
+./build/tools/sonel denoise build/demo/noisy.wav build/demo/cleaned.wav --stats
+echo "listen: build/demo/noisy.wav (before) and build/demo/cleaned.wav (after)"

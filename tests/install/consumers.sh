@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+set -euo pipefail
+build=$1 source=$2
+prefix=$build/install-test
+rm -rf "$prefix" && cmake --install "$build" --prefix "$prefix" >/dev/null
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+cc -std=c99 "$source/consumer.c" $(pkg-config --cflags --libs sonel-audio-sdk) \
+   -Wl,-rpath,"$prefix/lib" -o "$prefix/by-pkg-config"
+[ "$("$prefix/by-pkg-config")" = 7.0.1.40 ]
+mkdir -p "$prefix/cmake-consumer"
+cat > "$prefix/cmake-consumer/CMakeLists.txt" <<CMAKE
+cmake_minimum_required(VERSION 3.20)
+project(consumer C)
+find_package(Sonel 7 REQUIRED)
+add_executable(by-find-package $source/consumer.c)
+target_link_libraries(by-find-package PRIVATE Sonel::sonel-audio-sdk)
+CMAKE
+cmake -S "$prefix/cmake-consumer" -B "$prefix/cmake-consumer/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$prefix/cmake-consumer/build" >/dev/null
+[ "$("$prefix/cmake-consumer/build/by-find-package")" = 7.0.1.40 ]
