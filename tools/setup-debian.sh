@@ -7,7 +7,11 @@ packages=(
   libopenblas-serial-dev libkissfft-dev libresample1-dev libsndfile1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-numpy python3-scipy python3-soundfile
+  # Evaluation harness (tools/eval): the peers, plots, and Node.js for RNNoise's WebAssembly build.
+  libspeexdsp-dev libwebrtc-audio-processing-dev python3-matplotlib nodejs
 )
+# NodeSource's nodejs package carries npm itself and conflicts with Debian's npm package.
+command -v npm >/dev/null 2>&1 || packages+=(npm)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -17,4 +21,10 @@ if [ ${#missing[@]} -gt 0 ]; then
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# RNNoise for the evaluation, at the version tools/eval/rnnoise/package-lock.json pins.
+rnnoise="$(dirname "$0")/eval/rnnoise"
+if [ ! -d "$rnnoise/node_modules/@jitsi/rnnoise-wasm" ]; then
+  npm ci --prefix "$rnnoise" --no-audit --no-fund
 fi

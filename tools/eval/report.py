@@ -1,0 +1,229 @@
+"""docs/quality.md and its plots from the scores evaluate.evaluate() returns."""
+
+import math
+import os
+from collections import defaultdict
+
+import numpy as np
+from scipy.stats import t as student_t
+
+import evaluate
+import testsets
+
+# (row key, heading, unit) of the mixture tables, in report order.
+MIX_METRICS = (("delta_si_sdr", "ΔSI-SDR", "dB"), ("si_sdr", "SI-SDR", "dB"), ("stoi", "STOI", ""),
+               ("estoi", "ESTOI", ""), ("seg_snr", "Segmental SNR", "dB"))
+PLOTS = {"delta_si_sdr": "quality/delta-si-sdr.png", "estoi": "quality/estoi.png",
+         "spectrogram": "quality/spectrogram.png"}
+SPECTROGRAM_RATE_HZ = 48000
+
+
+def mean_ci(values):
+    """Mean and the half-width of its 95 % confidence interval (Student's t)."""
+    values = np.asarray(values, dtype=np.float64)
+    if len(values) < 2:
+        return float(values.mean()), math.nan
+    half = student_t.ppf(0.975, len(values) - 1) * values.std(ddof=1) / math.sqrt(len(values))
+    return float(values.mean()), float(half)
+
+
+def _with_delta(rows):
+    for row in rows:
+        if "si_sdr_in" in row:
+            row = dict(row, delta_si_sdr=row["si_sdr"] - row["si_sdr_in"])
+        yield row
+
+
+def summarise(rows):
+    """{(rate, system, set, snr or None): {metric: [values]}}; mixtures also pooled over SNRs
+    under snr None."""
+    groups = defaultdict(lambda: defaultdict(list))
+    for row in _with_delta(rows):
+        keys = [(row["rate_hz"], row["system"], row["set"], row.get("snr_db"))]
+        if "snr_db" in row:
+            keys.append((row["rate_hz"], row["system"], row["set"], None))
+        for key in keys:
+            for metric, value in row.items():
+                if isinstance(value, float):
+                    groups[key][metric].append(value)
+    return groups
+
+
+def _cell(values, digits):
+    mean, half = mean_ci(values)
+    if math.isnan(half):
+        return "%.*f" % (digits, mean)
+    return "%.*f ± %.*f" % (digits, mean, digits, half)
+
+
+def system_label(system, model):
+    return "sonel (%s)" % model["label"] if system == evaluate.SONEL else system
+
+
+def _mixture_table(groups, rate, systems, metric, unit, model):
+    snrs = sorted({key[3] for key in groups if key[0] == rate and key[2] == "mix" and key[3] is not None})
+    lines = ["| system | " + " | ".join("%+d dB" % s if s else "0 dB" for s in snrs) + " | all |",
+             "|---" * (len(snrs) + 2) + "|"]
+    for system in systems:
+        if metric == "delta_si_sdr" and system == evaluate.NOISY:
+            continue
+        cells = [_cell(groups[(rate, system, "mix", snr)][metric], 2 if unit == "dB" else 3)
+                 for snr in snrs + [None]]
+        lines.append("| %s | %s |" % (system_label(system, model), " | ".join(cells)))
+    return lines
+
+
+def _single_set_table(groups, rate, systems, model):
+    lines = ["| system | residual noise, dB below input (noise only) "
+             "| SI-SDR of output against input, dB (clean only) | ESTOI (clean only) |",
+             "|---|---|---|---|"]
+    for system in systems:
+        if system == evaluate.NOISY:
+            continue
+        noise, clean = groups[(rate, system, "noise", None)], groups[(rate, system, "clean", None)]
+        lines.append("| %s | %s | %s | %s |" % (system_label(system, model), _cell(noise["residual_db"], 2),
+                                               _cell(clean["si_sdr"], 2), _cell(clean["estoi"], 3)))
+    return lines
+
+
+def _set_summary(items, levels):
+    counts = defaultdict(lambda: [0, 0.0])
+    for item in items:
+        counts[item["set"]][0] += 1
+        counts[item["set"]][1] += item["seconds"]
+    set_levels = [v for per_rate in levels.values() for v in per_rate.values()]
+    mixtures = [i for i in items if i["set"] == "mix"]
+    per_snr = defaultdict(int)
+    for item in mixtures:
+        per_snr[item["snr_db"]] += 1
+    return [
+        "- Mixtures: %d (%s per SNR of %s dB), %.1f min; noise only: %d items, %.1f min; clean only: "
+        "%d items, %.1f min. Each set is rendered at every rate listed below from the same plan."
+        % (counts["mix"][0], "/".join(str(per_snr[s]) for s in sorted(per_snr)),
+           ", ".join("%+d" % s for s in sorted(per_snr)), counts["mix"][1] / 60, counts["noise"][0],
+           counts["noise"][1] / 60, counts["clean"][0], counts["clean"][1] / 60),
+        "- Levels set: %.1f ... %.1f dBFS RMS (drawn in %g ... %g dBFS, lowered where a peak would "
+        "pass %.2f of full scale)." % (min(set_levels), max(set_levels), *testsets.LEVEL_RANGE_DBFS,
+                                       testsets.PEAK_LIMIT),
+    ]
+
+
+def markdown(result, items, model, command, machine):
+    rates = sorted({row["rate_hz"] for row in result["rows"]}, reverse=True)
+    systems = [s for s in evaluate.SYSTEMS if any(r["system"] == s for r in result["rows"])]
+    groups = summarise(result["rows"])
+    lines = [
+        "# Objective quality",
+        "",
+        "Generated by `%s`; re-run it and commit this page and `docs/quality/` whenever a model "
+        "changes. Do not edit by hand." % command,
+        "",
+        "Sonel model: `%s`, sha256 `%s`, model name `%s`." % (model["path"], model["sha256"], model["name"]),
+    ]
+    if model["stand_in"]:
+        lines += ["", "**The Sonel rows come from an untrained stand-in** (a random network of the shipped "
+                  "size, `tools/eval/standin.py`): it removes no noise, so they show that the pipeline "
+                  "runs, not what Sonel achieves. The peers' rows are real."]
+    lines += [
+        "",
+        "## Test sets",
+        "",
+        "Made by `tools/eval/testsets.py` (seed %d) from the corpus's holdout split only: holdout "
+        "speakers' speech and holdout noise recordings, mixed at a given ratio of active speech level "
+        "to noise power." % testsets.SEED,
+        "",
+    ] + _set_summary(items, result["levels"]) + [
+        "",
+        "## Systems",
+        "",
+        "- `noisy`: the unprocessed input.",
+        "- `speexdsp-15`, `speexdsp-30`: SpeexDSP preprocessor, denoise on, suppression -15 / -30 dB "
+        "(16-bit samples).",
+        "- `webrtc-high`, `webrtc-veryhigh`: WebRTC audio processing 0.3, noise suppressor only, "
+        "levels High / VeryHigh (float interface).",
+        "- `rnnoise`: RNNoise, WebAssembly build from npm (`@jitsi/rnnoise-wasm` 0.2.1, its 0.2 "
+        "model), 480-sample frames at 48 kHz; the 16 kHz set is resampled to 48 kHz and back.",
+        "- `sonel`: the public C interface, float path, one NC session per item, model \"default\".",
+        "",
+        "All run 10 ms frames with fresh state per item. Each output is moved earlier by the system's "
+        "constant delay (median lag of the cross-correlation peak over the clean-only items, to "
+        "1/8 sample) before scoring:",
+        "",
+        "| system | " + " | ".join("delay at %d kHz" % (r // 1000) for r in rates) + " |",
+        "|---" * (len(rates) + 1) + "|",
+    ]
+    for system in systems[1:]:
+        lines.append("| %s | %s |" % (system_label(system, model), " | ".join(
+            "%.2f ms (%.2f samples)" % (1000.0 * delay / r, delay)
+            for r, delay in ((r, result["delays"][str(r)][system]) for r in rates))))
+    lines += [
+        "",
+        "WebRTC at 48 kHz splits the signal into three bands with a filter bank whose phase is not "
+        "linear, so its lag differs by a sample or two between items and no constant delay aligns "
+        "every frequency: that lowers its SI-SDR-based scores at 48 kHz (compare its clean-only "
+        "SI-SDR at the two rates), while STOI and ESTOI, which compare envelopes, are unaffected.",
+        "",
+        "Means with 95 %% confidence intervals (Student's t over items). %s" % machine,
+        "",
+    ]
+    for rate in rates:
+        lines += ["## %d kHz" % (rate // 1000), ""]
+        for metric, heading, unit in MIX_METRICS:
+            lines += ["### %s%s, mixtures, by input SNR" % (heading, " (%s)" % unit if unit else ""), ""]
+            lines += _mixture_table(groups, rate, systems, metric, unit, model) + [""]
+        lines += ["### Noise only and clean only", ""]
+        lines += _single_set_table(groups, rate, systems, model) + [""]
+    lines += ["## Plots", ""]
+    lines += ["![ΔSI-SDR against input SNR](%s)" % PLOTS["delta_si_sdr"], "",
+              "![ESTOI against input SNR](%s)" % PLOTS["estoi"], "",
+              "![Spectrograms of %s at %d kHz: clean, noisy, Sonel](%s)"
+              % (evaluate.EXAMPLE_ID, SPECTROGRAM_RATE_HZ // 1000, PLOTS["spectrogram"]), ""]
+    return "\n".join(lines)
+
+
+def plots(result, eval_dir, docs_dir, model):
+    import matplotlib
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+
+    groups = summarise(result["rows"])
+    rates = sorted({row["rate_hz"] for row in result["rows"]}, reverse=True)
+    systems = [s for s in evaluate.SYSTEMS if any(r["system"] == s for r in result["rows"])]
+    os.makedirs(os.path.join(docs_dir, "quality"), exist_ok=True)
+    for metric, label in (("delta_si_sdr", "ΔSI-SDR (dB)"), ("estoi", "ESTOI")):
+        figure, axes = plt.subplots(1, len(rates), figsize=(5.5 * len(rates), 4.2), squeeze=False)
+        for axis, rate in zip(axes[0], rates):
+            snrs = sorted({k[3] for k in groups if k[0] == rate and k[2] == "mix" and k[3] is not None})
+            for system in systems:
+                if metric == "delta_si_sdr" and system == evaluate.NOISY:
+                    continue
+                stats = [mean_ci(groups[(rate, system, "mix", s)][metric]) for s in snrs]
+                style = {"color": "black", "linestyle": "--"} if system == evaluate.NOISY else {}
+                axis.errorbar(snrs, [m for m, _ in stats], yerr=[np.nan_to_num(h) for _, h in stats],
+                              marker="o", capsize=3, label=system_label(system, model), **style)
+            axis.set_title("%d kHz" % (rate // 1000))
+            axis.set_xlabel("input SNR (dB)")
+            axis.set_ylabel(label)
+            axis.grid(alpha=0.3)
+        axes[0][-1].legend(fontsize=7)
+        figure.tight_layout()
+        figure.savefig(os.path.join(docs_dir, PLOTS[metric]), dpi=110)
+        plt.close(figure)
+
+    example = os.path.join(eval_dir, "examples", str(SPECTROGRAM_RATE_HZ))
+    panels = [("clean", "clean speech"), (evaluate.NOISY, "noisy input (%s)" % evaluate.EXAMPLE_ID),
+              (evaluate.SONEL, system_label(evaluate.SONEL, model))]
+    figure, axes = plt.subplots(len(panels), 1, figsize=(9, 2.6 * len(panels)), sharex=True)
+    colours = plt.get_cmap("magma").copy()
+    colours.set_bad(colours(0.0))  # digital silence (-inf dB) as the floor colour, not blank
+    for axis, (name, title) in zip(axes, panels):
+        signal = np.fromfile(os.path.join(example, name + ".f32"), dtype="<f4")
+        with np.errstate(divide="ignore"):  # digital silence in a suppressor's output
+            axis.specgram(signal, NFFT=1024, Fs=SPECTROGRAM_RATE_HZ, noverlap=768, cmap=colours,
+                          vmin=-150, vmax=-40)
+        axis.set_title(title, fontsize=9)
+        axis.set_ylabel("Hz")
+    axes[-1].set_xlabel("s")
+    figure.tight_layout()
+    figure.savefig(os.path.join(docs_dir, PLOTS["spectrogram"]), dpi=75)
+    plt.close(figure)
