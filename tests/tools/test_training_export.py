@@ -1,0 +1,101 @@
+"""The exported model, run by the NumPy reference network, gives the band gains the PyTorch module
+gave on the same features (so what was trained is what the cleaner runs)."""
+
+import os
+import sys
+import tempfile
+import unittest
+
+import numpy as np
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "train"))
+
+try:
+    import torch
+except ImportError:  # CI does not install torch; training machines do.
+    torch = None
+
+# Gains are in [0, 1]; the reference computes the logistic in double, torch in float.
+TOLERANCE = 1e-5
+
+
+def speech_like(rate, rng):
+    """Two seconds: harmonics in noise at changing levels, and 300 ms of digital silence so the
+    energy gate freezes blocks in the middle of the stream."""
+    t = np.arange(2 * rate) / rate
+    x = np.sin(2 * np.pi * 150 * t) + 0.5 * np.sin(2 * np.pi * 2400 * t) + 0.3 * rng.standard_normal(t.size)
+    x *= 3000.0 * (1.2 + np.sin(2 * np.pi * 1.5 * t))
+    x[int(0.8 * rate):int(1.1 * rate)] = 0.0
+    return np.round(x).astype(np.float32)
+
+
+@unittest.skipIf(torch is None, "training needs python3-torch")
+class TrainingExportTest(unittest.TestCase):
+    def test_exported_model_reproduces_the_trained_networks_gains(self):
+        import export
+        import network as net
+
+        cases = [net.GEOMETRIES[16000],
+                 # Layers of different widths catch a transposed or misplaced matrix.
+                 net.Geometry(32000, compress_rate=4, hidden=(8, 6, 5))]
+        for geometry in cases:
+            with self.subTest(rate=geometry.rate, hidden=geometry.hidden), \
+                    tempfile.TemporaryDirectory() as folder:
+                torch.manual_seed(geometry.rate)
+                rng = np.random.default_rng(geometry.rate)
+                model = net.new_network(geometry)
+                # Non-zero biases, and weights moved off their initial values; larger steps let
+                # the recurrence run away (the hidden layers have no squashing non-linearity).
+                with torch.no_grad():
+                    for p in model.parameters():
+                        p.add_(0.05 * torch.randn_like(p))
+                bands = geometry.bands().count
+                mu = rng.normal(8.0, 2.0, bands).astype(np.float32)
+                sd = rng.uniform(1.0, 3.0, bands).astype(np.float32)
+                loaded = export.write_model(os.path.join(folder, "m.vlw"), geometry, model, mu, sd, "test")
+
+                feats = net.nc.FrontEnd(loaded).signal_features(speech_like(geometry.rate, rng))
+                self.assertTrue(0 < feats.analysed.sum() < feats.analysed.size)
+                with torch.no_grad():
+                    gains, _ = model(torch.from_numpy(np.nan_to_num(feats.inputs))[None],
+                                     torch.from_numpy(feats.analysed)[None])
+                gains = gains[0].numpy()[feats.analysed]
+                reference = net.nc.Network(loaded)
+                expected = np.stack([reference.step(f) for f in feats.inputs[feats.analysed]])
+                self.assertGreater(expected.std(), 0.05)
+                np.testing.assert_allclose(gains, expected, atol=TOLERANCE)
+
+    def test_bounded_recurrence_never_lets_the_cleaners_state_grow(self):
+        import network as net
+
+        geometry = net.Geometry(16000, compress_rate=3, hidden=(12,))
+        features = np.zeros(3 * geometry.bands().count, np.float32)
+        peak = 1000.0
+        for bounded in (False, True):
+            torch.manual_seed(5)
+            model = net.new_network(geometry)
+            with torch.no_grad():
+                for p in model.parameters():
+                    p.add_(0.5 * torch.randn_like(p))
+                # No input drive: whatever exceeds the state's peak comes from the recurrence.
+                model.rect_b[0].zero_()
+                model.lin_b[0].zero_()
+            if bounded:
+                model.bound_recurrence()
+            records = net.model_records(geometry, model, np.zeros(1), np.ones(1), "t", timestamp="t")
+            loaded = net.nc.Model(records)
+            reference = net.nc.Network(loaded)
+            h0 = geometry.hidden[0]
+            a, g = loaded.rect_w[0][:, :h0], loaded.lin_w[0][:, :h0]
+            # The worst state for each output on either branch: every column pushing one way.
+            worst = 0.0
+            for row in np.concatenate([g, a + g]):
+                reference.state = (peak * np.sign(row)).astype(np.float32)
+                worst = max(worst, float(np.abs(reference.hidden(features)).max()))
+            if bounded:
+                self.assertLessEqual(worst, peak * net.RECURRENCE_LIMIT * (1 + 1e-6))
+            else:
+                self.assertGreater(worst, peak)
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,106 @@
+"""The speech and noise of one corpus split, decoded and resampled to a model rate once and cached
+as float32 arrays (memory-mapped, so data workers share the pages) outside the work tree.
+
+Speech bandwidth comes from the corpus MANIFEST: RAVDESS files are 48 kHz recordings (full band),
+speechocean762 files were recorded at 16 kHz and hold nothing above 8 kHz although their Ogg
+container runs at 48 kHz.
+"""
+
+import json
+import math
+import os
+from multiprocessing import Pool
+from pathlib import Path
+
+import numpy as np
+import soundfile
+from scipy.signal import resample_poly
+
+SPEECH_BANDWIDTH_HZ = {"ravdess": 24000.0, "so762": 8000.0}
+# Activity: 10 ms frames within 40 dB of the file's loudest frame. Both corpora keep their
+# leading and trailing pauses (RAVDESS about 1 s of studio tone at each end).
+ACTIVITY_RANGE_DB = 40.0
+CACHE_VERSION = 1
+
+
+def speech_group(name):
+    group = name.split("_", 1)[0]
+    if group not in SPEECH_BANDWIDTH_HZ:
+        raise ValueError("speech file of unknown origin (no bandwidth known): " + name)
+    return group
+
+
+def _decode(job):
+    path, rate = job
+    audio, source_rate = soundfile.read(path, dtype="float32", always_2d=True)
+    audio = audio.mean(axis=1)
+    if source_rate != rate:
+        g = math.gcd(source_rate, rate)
+        audio = resample_poly(audio, rate // g, source_rate // g).astype(np.float32)
+    return audio
+
+
+def active_span(audio, rate):
+    """First and one-past-last sample of the frames within ACTIVITY_RANGE_DB of the loudest."""
+    hop = rate // 100
+    frames = audio[:len(audio) // hop * hop].reshape(-1, hop)
+    power = np.mean(frames.astype(np.float64) ** 2, axis=1) + 1e-20
+    active = np.flatnonzero(10 * np.log10(power / power.max()) > -ACTIVITY_RANGE_DB)
+    return int(active[0] * hop), int((active[-1] + 1) * hop)
+
+
+class Corpus:
+    """speech/noise: one float32 array each; *_items: per file offset, length and more."""
+
+    def __init__(self, folder):
+        folder = Path(folder)
+        with open(folder / "index.json", encoding="utf-8") as f:
+            index = json.load(f)
+        self.rate = index["rate"]
+        self.speech_items = index["speech"]
+        self.noise_items = index["noise"]
+        self.speech = np.memmap(folder / "speech.f32", dtype=np.float32, mode="r")
+        self.noise = np.memmap(folder / "noise.f32", dtype=np.float32, mode="r")
+
+    def speech_audio(self, item):
+        return self.speech[item["offset"]:item["offset"] + item["length"]]
+
+    def noise_audio(self, item):
+        return self.noise[item["offset"]:item["offset"] + item["length"]]
+
+    @classmethod
+    def load_or_build(cls, data_dir, split, rate, cache_dir, workers=1):
+        folder = Path(cache_dir) / ("%s-%d" % (split, rate))
+        index = folder / "index.json"
+        if index.exists():
+            with open(index, encoding="utf-8") as f:
+                if json.load(f).get("version") == CACHE_VERSION:
+                    return cls(folder)
+        build(Path(data_dir) / split, rate, folder, workers)
+        return cls(folder)
+
+
+def build(split_dir, rate, folder, workers):
+    folder.mkdir(parents=True, exist_ok=True)
+    index = {"version": CACHE_VERSION, "rate": rate, "source": str(split_dir)}
+    with Pool(workers) as pool:
+        for kind in ("speech", "noise"):
+            paths = sorted(p for p in (split_dir / kind).iterdir() if p.suffix in (".flac", ".ogg"))
+            items, offset = [], 0
+            with open(folder / (kind + ".f32.tmp"), "wb") as out:
+                for path, audio in zip(paths, pool.imap(_decode, [(str(p), rate) for p in paths])):
+                    item = {"name": path.name, "offset": offset, "length": len(audio)}
+                    if kind == "speech":
+                        group = speech_group(path.name)
+                        start, end = active_span(audio, rate)
+                        item.update(group=group, active=[start, end],
+                                    bandwidth=min(SPEECH_BANDWIDTH_HZ[group], rate / 2))
+                    items.append(item)
+                    out.write(audio.astype(np.float32).tobytes())
+                    offset += len(audio)
+            os.replace(folder / (kind + ".f32.tmp"), folder / (kind + ".f32"))
+            index[kind] = items
+    # The index is written last: its presence marks a complete cache.
+    with open(folder / "index.json.tmp", "w", encoding="utf-8") as f:
+        json.dump(index, f)
+    os.replace(folder / "index.json.tmp", folder / "index.json")

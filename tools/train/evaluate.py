@@ -1,0 +1,179 @@
+#!/usr/bin/python3
+"""Quick objective check of a model on holdout mixtures, run through the NumPy reference cleaner
+at the model's own rate (the evaluation harness under tools/eval measures at a 48 kHz host rate
+against the peers; this is the trainer's progress check).
+
+    evaluate.py --model models/sonel-nc-32k.vlw   (or --checkpoint STATE_DIR/checkpoint.pt)
+
+Per input SNR: mean SI-SDR of input and output against the dry speech. Clean-only input: output
+SI-SDR against the input. Noise-only input: reduction in dB. Above 8 kHz: the share of full-band
+(RAVDESS) speech energy the cleaner's mask keeps there, clean and at 5 dB SNR (the bands a model
+trained on 8 kHz speech could wrongly learn to treat as noise). Last, the recurrent state's peak
+over a five-minute stream.
+"""
+
+import argparse
+import sys
+from pathlib import Path
+
+import numpy as np
+
+import network as net
+from corpus import Corpus
+from export import load_checkpoint
+from mixing import FULL_SCALE, active_power
+
+nc = net.nc
+SNRS_DB = (-5, 0, 5, 10, 15, 20)
+SPEECH_LEVEL_DBFS = -26.0
+HIGH_BAND_HZ = 8000.0
+STREAM_S = 300.0
+DEFAULT_DATA = Path(__file__).resolve().parent.parent.parent.parent / "shared" / "data"
+
+
+def si_sdr(estimate, reference):
+    estimate = estimate - estimate.mean()
+    reference = reference - reference.mean()
+    scaled = np.dot(estimate, reference) / np.dot(reference, reference) * reference
+    return 10 * np.log10(np.sum(scaled ** 2) / max(np.sum((estimate - scaled) ** 2), 1e-20))
+
+
+def quantised(x):
+    return np.clip(np.round(x), -FULL_SCALE, FULL_SCALE - 1).astype(np.float32)
+
+
+class Bench:
+    def __init__(self, model, corpus, count, seed):
+        self.model, self.corpus, self.rate = model, corpus, corpus.rate
+        self.wide = self.rate > 2 * HIGH_BAND_HZ
+        rng = np.random.default_rng(seed)
+        groups = {}
+        for item in corpus.speech_items:
+            groups.setdefault(item["group"], []).append(item)
+        self.pairs = []
+        for i in range(count):
+            group = groups["ravdess" if i % 2 == 0 else "so762"]
+            speech = np.asarray(corpus.speech_audio(group[rng.integers(len(group))]), np.float64)
+            noise_item = corpus.noise_items[rng.integers(len(corpus.noise_items))]
+            noise = np.asarray(corpus.noise_audio(noise_item), np.float64)
+            start = rng.integers(0, max(1, noise.size - speech.size))
+            noise = np.resize(noise[start:], speech.size)
+            speech *= FULL_SCALE * 10 ** (SPEECH_LEVEL_DBFS / 20) / np.sqrt(active_power(speech, self.rate))
+            self.pairs.append((i % 2 == 0, speech, noise / np.sqrt(np.mean(noise ** 2) + 1e-20)))
+
+    def cleaned(self, noisy):
+        """The cleaner's output realigned with its input (it runs one hop late)."""
+        hop = self.model.hop
+        out = nc.clean(self.model, noisy)
+        return np.concatenate([out[hop:], np.zeros(hop, np.float32)]).astype(np.float64)
+
+    def high_band_kept(self, noisy, speech):
+        """Share of the speech energy above HIGH_BAND_HZ that the cleaner's masks let through."""
+        front = nc.FrontEnd(self.model)
+        feats = front.signal_features(noisy)
+        network = nc.Network(self.model)
+        masks = np.zeros((len(feats.inputs), self.model.bands.bins), np.float32)
+        for j, (inputs, analysed) in enumerate(zip(feats.inputs, feats.analysed)):
+            if analysed:
+                masks[j] = self.model.bands.expand(network.step(inputs)) ** 2
+        power = np.abs(front.block_spectra(speech.astype(np.float32))) ** 2
+        high = np.arange(self.model.bands.bins) * self.rate / self.model.block >= HIGH_BAND_HZ
+        return np.sum((masks ** 2 * power)[:, high]) / np.sum(power[:, high])
+
+    def state_peak(self, stream):
+        """Largest |recurrent state| over a long stream: the hidden layers do not squash, so a
+        model whose recurrence were unstable would show it here long before it clips."""
+        network = nc.Network(self.model)
+        feats = nc.FrontEnd(self.model).signal_features(stream)
+        peak = 0.0
+        for inputs in feats.inputs[feats.analysed]:
+            network.step(inputs)
+            peak = max(peak, float(np.abs(network.state).max()))
+        return peak
+
+    def run(self):
+        rows = {}
+        stream = []
+        for full_band, speech, noise in self.pairs:
+            speech_power = active_power(speech, self.rate)
+            for snr in SNRS_DB:
+                noisy = quantised(speech + noise * np.sqrt(speech_power / 10 ** (snr / 10)))
+                out = self.cleaned(noisy)
+                rows.setdefault(snr, []).append((si_sdr(noisy.astype(np.float64), speech),
+                                                 si_sdr(out, speech)))
+                if full_band and snr == 5 and self.wide:
+                    rows.setdefault("high5", []).append(self.high_band_kept(noisy, speech))
+                if snr == 0:
+                    stream.append(noisy)
+            clean_in = quantised(speech)
+            rows.setdefault("clean", []).append(si_sdr(self.cleaned(clean_in), clean_in.astype(np.float64)))
+            if full_band and self.wide:
+                rows.setdefault("high_clean", []).append(self.high_band_kept(clean_in, speech))
+            noise_in = quantised(noise * FULL_SCALE * 10 ** (SPEECH_LEVEL_DBFS / 20))
+            out = self.cleaned(noise_in)
+            rows.setdefault("noise", []).append(
+                10 * np.log10(np.sum(noise_in.astype(np.float64) ** 2) / max(np.sum(out ** 2), 1e-20)))
+        stream = np.concatenate(stream)
+        stream = np.tile(stream, int(np.ceil(STREAM_S * self.rate / stream.size)))
+        rows["stream"] = (stream.size / self.rate, self.state_peak(stream))
+        return rows
+
+
+def report(rows):
+    lines = ["input SNR  SI-SDR in  SI-SDR out  improvement (dB, mean of %d)" % len(rows[SNRS_DB[0]])]
+    for snr in SNRS_DB:
+        values = np.array(rows[snr])
+        lines.append("%6d dB  %9.2f  %10.2f  %+11.2f" % (snr, values[:, 0].mean(), values[:, 1].mean(),
+                                                      (values[:, 1] - values[:, 0]).mean()))
+    lines.append("clean-only input: output SI-SDR %.2f dB (min %.2f)"
+                 % (np.mean(rows["clean"]), np.min(rows["clean"])))
+    lines.append("noise-only input: reduction %.2f dB (min %.2f)"
+                 % (np.mean(rows["noise"]), np.min(rows["noise"])))
+    if "high5" in rows:
+        lines.append("full-band speech energy above 8 kHz kept by the mask: clean %.1f %%, at 5 dB SNR %.1f %%"
+                     % (100 * np.mean(rows["high_clean"]), 100 * np.mean(rows["high5"])))
+    lines.append("recurrent state over a %.0f s stream at 0 dB SNR: max |s| = %.2f" % rows["stream"])
+    return "\n".join(lines)
+
+
+def with_controls(records, settings):
+    """`records` with CONTROL_ values "X=VALUE" added: "t"/"f" as flags, numbers as floats
+    (COMPRESS_RATE, the one integer, cannot change without retraining)."""
+    values = {}
+    for setting in settings:
+        x, _, value = setting.partition("=")
+        values[x] = (net.sw.STRING, value) if value in ("t", "f") else (net.sw.FLOAT, float(value))
+    records = dict(records)
+    for name, record in net.control_records(values, 0).items():
+        if "COMPRESS_RATE" not in name:
+            records[name] = record
+    return records
+
+
+def main(argv=None):
+    p = argparse.ArgumentParser(description="Objective check of a model on holdout mixtures.")
+    source = p.add_mutually_exclusive_group(required=True)
+    source.add_argument("--model", help="model file (.vlw)")
+    source.add_argument("--checkpoint", help="training checkpoint")
+    p.add_argument("--data", default=str(DEFAULT_DATA), help="corpus root holding holdout/")
+    p.add_argument("--split", default="holdout", choices=("holdout", "train"),
+                   help="train: tune post-processing without looking at the holdout speakers")
+    p.add_argument("--control", action="append", default=[], metavar="X=VALUE",
+                   help="post-processing value to try, e.g. RM_THRESHOLD=0.2 or ENABLE_RM_THRESHOLD=t")
+    p.add_argument("--cache-dir", default="/root/sonel-train/cache")
+    p.add_argument("--count", type=int, default=24, help="speech files (half full band, half 8 kHz)")
+    p.add_argument("--seed", type=int, default=7)
+    args = p.parse_args(argv)
+    if args.model:
+        records = net.sw.read_file(args.model)
+    else:
+        geometry, network, mu, sd = load_checkpoint(args.checkpoint)
+        records = net.model_records(geometry, network, mu, sd, "checkpoint", timestamp="checkpoint")
+    model = nc.Model(with_controls(records, args.control))
+    corpus = Corpus.load_or_build(args.data, args.split, model.rate, args.cache_dir)
+    print(report(Bench(model, corpus, args.count, args.seed).run()))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

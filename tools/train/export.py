@@ -1,0 +1,66 @@
+#!/usr/bin/python3
+"""Writes a trained checkpoint as a v0.0.5 model file (".vlw" plain, ".sw" enciphered).
+
+    export.py --checkpoint STATE_DIR/checkpoint.pt --out models/sonel-nc-32k.vlw \
+              [--out models/sonel-nc-32k.sw --build-dir build]
+
+The ".sw" form needs the cipher key of a build folder (its CMakeCache.txt). Every file written
+is read back through the reference cleaner's loader, which checks the records against each other.
+"""
+
+import argparse
+import sys
+import time
+
+import torch
+
+import network as net
+
+sw = net.sw
+
+
+def load_checkpoint(path):
+    """Geometry, network (evaluation mode) and MU/SD of a training checkpoint."""
+    ck = torch.load(path, map_location="cpu")
+    geometry = net.GEOMETRIES[ck["args"]["rate"]]
+    model = net.new_network(geometry)
+    model.load_state_dict(ck["network"])
+    model.eval()
+    return geometry, model, ck["mu"], ck["sd"]
+
+
+def write_model(path, geometry, model, mu, sd, name, timestamp=None, key=None):
+    """Writes the model file and returns it as the reference cleaner loads it."""
+    writer = sw.WeightWriter(net.model_records(geometry, model, mu, sd, name, timestamp=timestamp))
+    writer.write_file(path, key)
+    read_back = sw.read_file(path, key)
+    if sw.WeightWriter(read_back).to_stream() != writer.to_stream():
+        raise ValueError("%s did not read back unchanged" % path)
+    return net.nc.Model(read_back)
+
+
+def main(argv=None):
+    p = argparse.ArgumentParser(description="Export a training checkpoint as a v0.0.5 model.")
+    p.add_argument("--checkpoint", required=True)
+    p.add_argument("--out", action="append", required=True, help="model file (.vlw or .sw); repeatable")
+    p.add_argument("--build-dir", help="build folder whose CMakeCache.txt holds SONEL_TEA_KEY (for .sw)")
+    p.add_argument("--name", help="ModelName record (default sonel-nc-<rate>k)")
+    p.add_argument("--timestamp", help="TimeStamp record (default: now, UTC, YYYYMMDDTHHMMSS)")
+    args = p.parse_args(argv)
+    if any(o.endswith(".sw") for o in args.out) and not args.build_dir:
+        p.error("the enciphered form needs --build-dir")
+    key = sw.key_from_build(args.build_dir) if args.build_dir else None
+
+    geometry, model, mu, sd = load_checkpoint(args.checkpoint)
+    name = args.name or "sonel-nc-%dk" % (geometry.rate // 1000)
+    # One stamp for every form written, so the .vlw and the .sw name the same model.
+    timestamp = args.timestamp or time.strftime("%Y%m%dT%H%M%S", time.gmtime())
+    for out in args.out:
+        loaded = write_model(out, geometry, model, mu, sd, name, timestamp, key)
+        print("wrote %s (%s, %d Hz, %d bands, hidden %s)" % (out, name, geometry.rate,
+                                                             loaded.bands.count, geometry.hidden))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

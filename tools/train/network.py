@@ -1,0 +1,210 @@
+"""The v0.0.5 cleaner's network as a PyTorch module, the model geometries, and the weight-file
+records written from a trained network.
+
+The module computes exactly what `nc_v0_0_5.Network` (and the C++ cleaner) computes:
+x = [s ; f]; z = σ(W_z x + b_z); hidden layer k: a = A_k·in + α_k, g = G_k·in + γ_k,
+h = g where a < 0 else a + g; after the first layer only s ← z ⊙ h + (1 − z) ⊙ s; the next layers
+take h; band gains σ(A_last·h + α_last). Parameters are stored in the records' own shapes (rows =
+outputs, the state's columns first), so export is a copy.
+"""
+
+import sys
+import time
+from dataclasses import dataclass
+from pathlib import Path
+
+import numpy as np
+import torch
+
+TOOLS = Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(TOOLS / "reference"))
+sys.path.insert(0, str(TOOLS))
+import nc_v0_0_5 as nc  # noqa: E402
+import sonel_weights as sw  # noqa: E402
+
+F32 = np.float32
+# Bound on the first layer's state columns (see CleanerNetwork.bound_recurrence).
+RECURRENCE_LIMIT = 0.95
+
+
+@dataclass(frozen=True)
+class Geometry:
+    """Block, band and network sizes of one model rate."""
+
+    rate: int
+    compress_rate: int
+    hidden: tuple
+    preview_frames: int = 2
+    # Energy gate (mean square, 16-bit units): RMS 1 and 2 LSB, i.e. digital silence and its
+    # dither only; room tone recorded above the 16-bit floor is louder.
+    freeze_low: float = 1.0
+    freeze_high: float = 4.0
+
+    @property
+    def hop(self):
+        return self.rate // 100
+
+    @property
+    def block(self):
+        return 2 * self.hop
+
+    @property
+    def filter_range(self):
+        # Bin 0 (DC) carries no speech and gets gain 0; the Nyquist bin is the top of the range.
+        return 1, self.hop
+
+    @property
+    def log_power_epsilon(self):
+        # The power 16-bit rounding noise (variance 1/12 LSB²) leaves in one bin of the windowed
+        # block: Σw² / 12 = N / 24. A float input and its 16-bit copy then give the same features,
+        # and anything below the 16-bit floor reads as the same silence.
+        return self.block / 24.0
+
+    def bands(self):
+        begin, end = self.filter_range
+        return nc.BandLayout(self.hop + 1, begin, end, self.compress_rate)
+
+
+GEOMETRIES = {
+    8000: Geometry(8000, compress_rate=2, hidden=(64, 64)),
+    16000: Geometry(16000, compress_rate=3, hidden=(96, 96)),
+    32000: Geometry(32000, compress_rate=4, hidden=(128, 128)),
+}
+
+# Post-processing the models are trained for: the library's defaults (mask squared, nothing else)
+# except the input rescale, which is off (docs/training.md says why).
+CONTROLS = {
+    "ENABLE_RESCALE": (sw.STRING, "f"),
+}
+
+
+def control_records(controls, compress_rate):
+    records = {}
+    values = dict(controls, COMPRESS_RATE=(sw.UINT, compress_rate))
+    for x, (type_code, value) in values.items():
+        prefix = "CONTROL_VELTA_" if x == "COMPRESS_RATE" else "CONTROL_SONEL_"
+        records[prefix + x + "_v0_0_5"] = sw.Record(type_code, value)
+    return records
+
+
+class CleanerNetwork(torch.nn.Module):
+    def __init__(self, features, bands, hidden):
+        super().__init__()
+        hidden = tuple(hidden)
+        if len(hidden) < 1:
+            raise ValueError("the network needs at least one hidden layer")
+        self.features, self.bands, self.hidden = features, bands, hidden
+        state = hidden[0]
+        widths = [state + features] + list(hidden[:-1])
+
+        def dense(rows, columns):
+            return torch.nn.Parameter(torch.empty(rows, columns))
+
+        self.gate_w = dense(state, state + features)
+        self.gate_b = torch.nn.Parameter(torch.zeros(state))
+        self.rect_w = torch.nn.ParameterList([dense(h, w) for h, w in zip(hidden, widths)])
+        self.rect_b = torch.nn.ParameterList([torch.nn.Parameter(torch.zeros(h)) for h in hidden])
+        self.lin_w = torch.nn.ParameterList([dense(h, w) for h, w in zip(hidden, widths)])
+        self.lin_b = torch.nn.ParameterList([torch.nn.Parameter(torch.zeros(h)) for h in hidden])
+        self.out_w = dense(bands, hidden[-1])
+        self.out_b = torch.nn.Parameter(torch.zeros(bands))
+        self.reset_parameters()
+
+    def reset_parameters(self):
+        for w in [self.gate_w, *self.rect_w, *self.lin_w, self.out_w]:
+            torch.nn.init.xavier_uniform_(w)
+        # The rectified and linear paths add up: halve each so a layer starts near unit gain.
+        with torch.no_grad():
+            for w in [*self.rect_w, *self.lin_w]:
+                w.mul_(0.5)
+        self.bound_recurrence()
+
+    def bound_recurrence(self, limit=RECURRENCE_LIMIT):
+        """Scales each first-layer row's state columns so that the state's peak |s| can never grow:
+        h_i is either the linear path g_i or g_i + a_i, so when both rows' state columns sum in
+        absolute value to at most `limit` < 1, |h_i| <= limit·max|s| + (feature and bias part),
+        and s ← z ⊙ h + (1 − z) ⊙ s stays below max(|s_0|, that part / (1 − limit)) for any
+        input, however long the stream. Without it the state ran away within minutes of training."""
+        h0 = self.state_size
+        with torch.no_grad():
+            a, g = self.rect_w[0][:, :h0], self.lin_w[0][:, :h0]
+            sums = torch.maximum(g.abs().sum(1), (g + a).abs().sum(1))
+            scale = torch.clamp(limit / sums, max=1.0).unsqueeze(1)
+            a.mul_(scale)
+            g.mul_(scale)
+
+    @property
+    def state_size(self):
+        return self.hidden[0]
+
+    def forward(self, features, analysed, state=None):
+        """Band gains (batch, blocks, bands) for normalised features (batch, blocks, features).
+
+        `analysed` (batch, blocks) is False where the energy gate froze the block: there the state
+        is kept, as the cleaner keeps it, and the gains are meaningless. Returns the gains and
+        the state after the last block."""
+        batch, blocks, _ = features.shape
+        h0 = self.state_size
+        if state is None:
+            state = features.new_zeros(batch, h0)
+        # Only the state columns of the first layer and the gate run step by step; the feature
+        # columns and every later layer run over all blocks at once.
+        first_w = torch.cat([self.gate_w, self.rect_w[0], self.lin_w[0]])
+        first_b = torch.cat([self.gate_b, self.rect_b[0], self.lin_b[0]])
+        ahead = torch.nn.functional.linear(features, first_w[:, h0:], first_b)
+        state_w = first_w[:, :h0].t()
+        keep = analysed.unsqueeze(-1)
+        outputs = []
+        for t, pre in enumerate(ahead.unbind(1)):
+            z, a, g = (pre + state @ state_w).split(h0, dim=1)
+            z = torch.sigmoid(z)
+            h = torch.where(a < 0, g, a + g)
+            state = torch.where(keep[:, t], z * h + (1 - z) * state, state)
+            outputs.append(h)
+        x = torch.stack(outputs, 1)
+        for a_w, a_b, g_w, g_b in list(zip(self.rect_w, self.rect_b, self.lin_w, self.lin_b))[1:]:
+            a = torch.nn.functional.linear(x, a_w, a_b)
+            g = torch.nn.functional.linear(x, g_w, g_b)
+            x = torch.where(a < 0, g, a + g)
+        return torch.sigmoid(torch.nn.functional.linear(x, self.out_w, self.out_b)), state
+
+
+def _np(p):
+    return p.detach().cpu().numpy().astype(F32)
+
+
+def model_records(geometry, network, mu, sd, name, controls=CONTROLS, timestamp=None):
+    """Every record the cleaner reads, in the order of the design page."""
+    bands = geometry.bands()
+    begin, end = geometry.filter_range
+    R = sw.Record
+    records = {
+        "Version": R(sw.STRING, nc.VERSION),
+        "SampleRate": R(sw.UINT, geometry.rate),
+        "FrameLength": R(sw.UINT, geometry.block),
+        "Step": R(sw.UINT, geometry.hop),
+        "FiltrBegin": R(sw.UINT, begin),
+        "FiltrEnd": R(sw.UINT, end),
+        "PreviewFrames": R(sw.UINT, geometry.preview_frames),
+        "CoefficientNumber": R(sw.UINT, bands.count),
+        "FreezeLowEnThr": R(sw.FLOAT, geometry.freeze_low),
+        "FreezeHighEnThr": R(sw.FLOAT, geometry.freeze_high),
+        "MU": R(sw.VECTOR, np.asarray(mu, F32)),
+        "SD": R(sw.VECTOR, np.asarray(sd, F32)),
+        "LogPowerEpsilon": R(sw.FLOAT, geometry.log_power_epsilon),
+        "ModelName": R(sw.STRING, name),
+        "TimeStamp": R(sw.STRING, timestamp or time.strftime("%Y%m%dT%H%M%S", time.gmtime())),
+        "WeightGRU": R(sw.MATRIX, _np(network.gate_w)),
+        "BaesGRU": R(sw.VECTOR, _np(network.gate_b)),
+        "WeightNonLinear": R(sw.MATRIX_LIST, [_np(w) for w in network.rect_w] + [_np(network.out_w)]),
+        "BaesNonLinear": R(sw.VECTOR_LIST, [_np(b) for b in network.rect_b] + [_np(network.out_b)]),
+        "WeightLinear": R(sw.MATRIX_LIST, [_np(w) for w in network.lin_w]),
+        "BaesLinear": R(sw.VECTOR_LIST, [_np(b) for b in network.lin_b]),
+    }
+    records.update(control_records(controls, geometry.compress_rate))
+    return records
+
+
+def new_network(geometry):
+    bands = geometry.bands().count
+    return CleanerNetwork((geometry.preview_frames + 1) * bands, bands, geometry.hidden)

@@ -1,0 +1,21 @@
+#!/bin/sh
+# Trains (or resumes) the default model of one rate from ../shared/data and exports it to models/.
+#   tools/train/reproduce.sh RATE STATE_DIR BUILD_DIR
+# RATE: 8000, 16000 or 32000; STATE_DIR: checkpoints and caches, outside the work tree;
+# BUILD_DIR: a configured build folder, whose cipher key the .sw form is written with.
+set -eu
+if [ $# -ne 3 ]; then
+    echo "usage: $0 RATE STATE_DIR BUILD_DIR" >&2
+    exit 2
+fi
+rate=$1
+state=$2
+build=$3
+here=$(cd "$(dirname "$0")" && pwd)
+models=$(cd "$here/../.." && pwd)/models
+name=sonel-nc-$((rate / 1000))k
+mkdir -p "$state" "$models"
+/usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state"
+/usr/bin/python3 "$here/export.py" --checkpoint "$state/checkpoint.pt" \
+    --out "$models/$name.vlw" --out "$models/$name.sw" --build-dir "$build"
+/usr/bin/python3 "$here/evaluate.py" --model "$models/$name.vlw" --cache-dir "$state/cache"

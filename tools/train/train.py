@@ -1,0 +1,237 @@
+#!/usr/bin/python3
+"""Trains a v0.0.5 noise-cleaning network on mixtures made on the fly from the training corpus.
+
+    train.py --rate 32000 --state-dir /root/sonel-train/nc32k
+
+Everything a run writes goes under --state-dir: checkpoint.pt (the latest, written every few
+minutes and at every epoch's end), epoch-NNN.pt (one per finished epoch), history.jsonl (losses
+per epoch) and the decoded-corpus cache. Running the same command again resumes from
+checkpoint.pt: network, optimizer, step count, epoch and position in the epoch, random state.
+Mixtures are fixed by (seed, epoch, index), so a resumed run sees the data an uninterrupted run
+would have seen. See docs/training.md.
+"""
+
+import argparse
+import json
+import math
+import os
+import sys
+import time
+from pathlib import Path
+
+import numpy as np
+import torch
+
+import network as net
+from corpus import Corpus
+from examples import Loader
+
+REPO = Path(__file__).resolve().parent.parent.parent
+DEFAULT_DATA = REPO.parent / "shared" / "data"
+# Mixture keys (seed, epoch, index) beyond any training epoch: the validation mixtures and the
+# mixtures MU/SD are measured on.
+VALIDATION_EPOCH = 1_000_000
+NORMALISATION_EPOCH = 1_000_001
+# Under-estimating a gain removes speech; it costs this much more than letting noise through.
+ATTENUATION_WEIGHT = 1.0
+SD_FLOOR = 0.1
+
+# Per rate: epochs, mixtures per epoch. An epoch of 1280 ten-second mixtures is 3.6 h of audio;
+# at 32 kHz it takes 1.1 to 1.5 min on one core plus one data worker (docs/training.md). The
+# first 32 kHz run's validation loss still fell at epoch 40 of 60.
+SCHEDULES = {8000: (60, 1280), 16000: (80, 1280), 32000: (100, 1280)}
+
+
+def parse_args(argv):
+    p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    p.add_argument("--rate", type=int, required=True, choices=sorted(net.GEOMETRIES))
+    p.add_argument("--state-dir", required=True,
+                   help="checkpoints, history and caches (outside the work tree)")
+    p.add_argument("--data", default=str(DEFAULT_DATA),
+                   help="corpus root holding train/ (default %(default)s)")
+    p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
+    p.add_argument("--epochs", type=int, help="length of the schedule (default by rate)")
+    p.add_argument("--examples", type=int, help="mixtures per epoch (default by rate)")
+    p.add_argument("--batch", type=int, default=16, help="mixtures per batch")
+    p.add_argument("--seconds", type=float, default=10.0, help="mixture length")
+    p.add_argument("--chunk", type=float, default=2.5, help="seconds per truncated-BPTT step")
+    p.add_argument("--lr", type=float, default=1e-3)
+    p.add_argument("--seed", type=int, default=20260101)
+    p.add_argument("--validation", type=int, default=64, help="validation mixtures")
+    p.add_argument("--normalisation", type=int, default=128, help="mixtures MU/SD are measured on")
+    p.add_argument("--workers", type=int, default=1, help="data worker processes")
+    p.add_argument("--threads", type=int, default=1, help="torch threads")
+    p.add_argument("--recurrence-limit", type=float, default=net.RECURRENCE_LIMIT,
+                   help="bound on the first layer's state columns (0: none; see network.py)")
+    p.add_argument("--checkpoint-minutes", type=float, default=5.0)
+    p.add_argument("--stop-after", type=int, help="stop after this many batches (smoke runs)")
+    args = p.parse_args(argv)
+    epochs, examples = SCHEDULES[args.rate]
+    args.epochs = args.epochs or epochs
+    args.examples = args.examples or examples
+    args.cache_dir = args.cache_dir or os.path.join(args.state_dir, "cache")
+    return args
+
+
+# Settings that must not change when a run is resumed.
+FIXED = ("rate", "batch", "seconds", "chunk", "seed", "examples", "validation", "normalisation")
+
+
+def loss_terms(gains, target, valid):
+    """Squared error of the compressed gains, plus the squared shortfall where the gain is below
+    its target (speech attenuation) weighted again; means over the counted bands."""
+    v = valid.to(gains.dtype)
+    count = v.sum().clamp(min=1.0)
+    squared = ((gains - target) ** 2 * v).sum() / count
+    shortfall = (torch.clamp(target - gains, min=0.0) ** 2 * v).sum() / count
+    return squared + ATTENUATION_WEIGHT * shortfall, squared, shortfall
+
+
+def learning_rate(args, step, total):
+    warmup = 100
+    progress = min(step / max(total, 1), 1.0)
+    # Cosine from the full rate down to 5 % of it over the schedule.
+    return args.lr * min(1.0, (step + 1) / warmup) * (0.05 + 0.95 * 0.5 * (1 + math.cos(math.pi * progress)))
+
+
+def save(path, payload):
+    temp = "%s.tmp" % path
+    torch.save(payload, temp)
+    os.replace(temp, path)
+
+
+def tensors(batch, device):
+    return {k: torch.from_numpy(np.ascontiguousarray(v)).to(device) for k, v in batch.items()}
+
+
+def evaluate(model, batches):
+    sums = np.zeros(3)
+    weight = 0.0
+    with torch.no_grad():
+        for b in batches:
+            gains, _ = model(b["inputs"], b["analysed"])
+            n = float(b["valid"].sum())
+            sums += n * np.array([float(x) for x in loss_terms(gains, b["target"], b["valid"])])
+            weight += n
+    return sums / max(weight, 1.0)
+
+
+def normalisation(args, geometry, corpus_folder):
+    loader = Loader(args.workers, geometry, np.zeros(1, np.float32), np.ones(1, np.float32),
+                    corpus_folder, args.seconds, args.seed)
+    try:
+        log_bands = loader.log_bands([(NORMALISATION_EPOCH, i) for i in range(args.normalisation)])
+    finally:
+        loader.close()
+    sd = np.maximum(log_bands.std(axis=0), SD_FLOOR)
+    return log_bands.mean(axis=0).astype(np.float32), sd.astype(np.float32)
+
+
+def main(argv=None):
+    args = parse_args(argv)
+    torch.set_num_threads(args.threads)
+    device = torch.device("cuda" if torch.cuda.is_available() else "cpu")
+    geometry = net.GEOMETRIES[args.rate]
+    state_dir = Path(args.state_dir)
+    state_dir.mkdir(parents=True, exist_ok=True)
+    checkpoint_path = state_dir / "checkpoint.pt"
+
+    # Decoded once here, then memory-mapped by every data worker.
+    Corpus.load_or_build(args.data, "train", args.rate, args.cache_dir, max(args.workers, 1))
+    corpus_folder = Path(args.cache_dir) / ("train-%d" % args.rate)
+
+    torch.manual_seed(args.seed)
+    model = net.new_network(geometry).to(device)
+    optimizer = torch.optim.Adam(model.parameters(), lr=args.lr)
+    if checkpoint_path.exists():
+        ck = torch.load(checkpoint_path, map_location=device)
+        for name in FIXED:
+            if ck["args"][name] != getattr(args, name):
+                sys.exit("%s is %r in the checkpoint, %r on the command line"
+                         % (name, ck["args"][name], getattr(args, name)))
+        model.load_state_dict(ck["network"])
+        optimizer.load_state_dict(ck["optimizer"])
+        torch.set_rng_state(ck["torch_rng"])
+        mu, sd = ck["mu"], ck["sd"]
+        epoch, position, step, running = ck["epoch"], ck["position"], ck["step"], ck["running"]
+        history = ck["history"]
+        print("resumed at epoch %d, batch %d, step %d" % (epoch, position, step), flush=True)
+    else:
+        print("measuring MU/SD on %d mixtures" % args.normalisation, flush=True)
+        mu, sd = normalisation(args, geometry, corpus_folder)
+        epoch, position, step, running, history = 0, 0, 0, [0.0, 0.0], []
+
+    batches_per_epoch = math.ceil(args.examples / args.batch)
+    total_steps = args.epochs * batches_per_epoch * math.ceil(args.seconds / args.chunk)
+    chunk = int(round(args.chunk * 100))
+
+    def checkpoint(path):
+        save(path, {"args": vars(args), "network": model.state_dict(), "optimizer": optimizer.state_dict(),
+                    "torch_rng": torch.get_rng_state(), "mu": mu, "sd": sd, "epoch": epoch,
+                    "position": position, "step": step, "running": running, "history": history})
+
+    loader = Loader(args.workers, geometry, mu, sd, corpus_folder, args.seconds, args.seed)
+    try:
+        validation = [tensors(b, device) for b in
+                      loader.batches([(VALIDATION_EPOCH, i) for i in range(args.validation)], args.batch)]
+        last_save = time.time()
+        done = 0
+        while epoch < args.epochs:
+            started = time.time()
+            keys = [(epoch, i) for i in range(args.examples)][position * args.batch:]
+            for batch in loader.batches(keys, args.batch):
+                b = tensors(batch, device)
+                state = None
+                for first in range(0, b["inputs"].shape[1], chunk):
+                    part = slice(first, first + chunk)
+                    gains, state = model(b["inputs"][:, part], b["analysed"][:, part], state)
+                    loss, _, _ = loss_terms(gains, b["target"][:, part], b["valid"][:, part])
+                    for group in optimizer.param_groups:
+                        group["lr"] = learning_rate(args, step, total_steps)
+                    optimizer.zero_grad()
+                    loss.backward()
+                    norm = torch.nn.utils.clip_grad_norm_(model.parameters(), 1.0)
+                    if not (torch.isfinite(loss) and torch.isfinite(norm)):
+                        # Stop before the damage reaches a checkpoint; the last one stays usable.
+                        raise FloatingPointError("loss %s, gradient norm %s at epoch %d, batch %d, step %d"
+                                                 % (float(loss), float(norm), epoch, position, step))
+                    optimizer.step()
+                    if args.recurrence_limit > 0:
+                        model.bound_recurrence(args.recurrence_limit)
+                    state = state.detach()
+                    step += 1
+                    weight = float(b["valid"][:, part].sum())
+                    running = [running[0] + float(loss) * weight, running[1] + weight]
+                position += 1
+                done += 1
+                if time.time() - last_save > 60 * args.checkpoint_minutes:
+                    checkpoint(checkpoint_path)
+                    last_save = time.time()
+                if args.stop_after and done >= args.stop_after:
+                    checkpoint(checkpoint_path)
+                    print("stopped after %d batches at epoch %d, batch %d" % (done, epoch, position),
+                          flush=True)
+                    return 0
+            val = evaluate(model, validation)
+            record = {"epoch": epoch + 1, "step": step, "train_loss": running[0] / max(running[1], 1.0),
+                      "val_loss": val[0], "val_squared": val[1], "val_shortfall": val[2],
+                      "lr": learning_rate(args, step, total_steps), "minutes": (time.time() - started) / 60,
+                      "time": time.strftime("%Y-%m-%dT%H:%M:%S")}
+            print(json.dumps(record), flush=True)
+            history.append(record)
+            epoch, position, running = epoch + 1, 0, [0.0, 0.0]
+            checkpoint(state_dir / ("epoch-%03d.pt" % epoch))
+            checkpoint(checkpoint_path)
+            # Rewritten from the checkpoint's copy, so a resumed run never logs an epoch twice.
+            with open(state_dir / "history.jsonl.tmp", "w", encoding="utf-8") as log:
+                log.writelines(json.dumps(r) + "\n" for r in history)
+            os.replace(state_dir / "history.jsonl.tmp", state_dir / "history.jsonl")
+            last_save = time.time()
+        print("schedule complete: %d epochs" % args.epochs, flush=True)
+        return 0
+    finally:
+        loader.close()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
