@@ -50,7 +50,6 @@ public:
     MaskPostProcessor(const MaskParams& params, size_t bins, const std::vector<float>& window,
                       unsigned frameDurationMs);
 
-    const MaskParams& params() const { return params_; }
     // Feeds the windowed block to the energy-threshold cut before the mask is shaped.
     void observeBlock(const std::vector<float>& windowedBlock);
     // Mask shaping, in order: squaring / soft modification, high-band squaring, temporal

@@ -22,8 +22,6 @@ public:
     // One block of FrameLength samples in, its cleaned and windowed synthesis in `out`.
     bool mainCleaner(const float* block, std::vector<float>& out, ncAudioInfo_t* info, bool notClipped);
 
-    const FrontEndParams& frontEnd() const { return frontEnd_; }
-    const MaskParams& maskParams() const { return maskParams_; }
     // One hop: the block that completes a sample's output needs the next hop of input.
     unsigned delaySamples() const override { return frontEnd_.step; }
 

@@ -27,7 +27,6 @@ public:
 
     SonelAudioSessionType getType() const { return type_; }
     unsigned inputFrameSize() const { return inputFrameSize_; }
-    unsigned outputFrameSize() const { return outputFrameSize_; }
     NOISE_CANCELLER::NoiseCleaner& cleaner() { return *cleaner_; }
     // Delay from the caller's input to its output in output-rate samples, once the first frame
     // has been processed (the resamplers fix theirs on their first call). Fractional when the
