@@ -37,8 +37,8 @@ SpectralCleaner::SpectralCleaner(WEIGHTS::ModelPtr modelPair, unsigned sampleRat
       maskParams_(MaskParams::read(*modelPair, keys)),
       window_(vorbisWindow(frontEnd_.frameLength)),
       windowEnergy_(sumOfSquares(window_)),
-      features_(frontEnd_, static_cast<unsigned>(maskParams_.compressRate),
-                getFftPtr(frontEnd_.frameLength)),
+      transform_(getFftPtr(frontEnd_.frameLength)),
+      features_(frontEnd_, static_cast<unsigned>(maskParams_.compressRate), transform_),
       gate_(frontEnd_.freezeLowEnThr, frontEnd_.freezeHighEnThr),
       post_(maskParams_, frontEnd_.frameLength / 2 + 1, window_,
             frontEnd_.step * 1000 / frontEnd_.sampleRate),
@@ -132,7 +132,7 @@ bool SpectralCleaner::mainCleaner(const float* block, std::vector<float>& out,
 
     const auto& spectrum = features_.spectrum();
     for (size_t k = 0; k < masked_.size(); ++k) masked_[k] = spectrum[k] * binGains_[k];
-    getFftPtr(n)->inverse(masked_.data(), out.data());
+    transform_->inverse(masked_.data(), out.data());
     for (size_t i = 0; i < n; ++i) out[i] *= window_[i];
     post_.processBlock(out, notClipped);
 

@@ -3,6 +3,7 @@
 // front end, the energy gate, mask expansion and post-processing, synthesis, overlap-add and the
 // frame info. A model class only supplies its network: band gains from the feature context.
 #include <complex>
+#include <memory>
 #include <vector>
 
 #include "noise_canceller/energy_gate.h"
@@ -43,6 +44,9 @@ private:
     MaskParams maskParams_;
     std::vector<float> window_;
     double windowEnergy_;
+    // Held for the cleaner's life: the base class's cache may be switched to another size by
+    // bandwidth prediction, which must never make the block path rebuild its transform.
+    std::shared_ptr<UTILS::FFT> transform_;
     FeatureExtractor features_;
     EnergyGate gate_;
     MaskPostProcessor post_;
