@@ -1,7 +1,7 @@
 // Whole-stream benchmark: a long recording through one instance, frame by frame, as a host would
 // run it. Sonel and the SpeexDSP and WebRTC suppressors go through the same loop.
 //
-//   sonel_stream_bench SYSTEM RATE FILE [--model PATH] [--sessions K]
+//   sonel_stream_bench SYSTEM RATE FILE [--model PATH]... [--sessions K]
 //
 // FILE is raw float32 mono audio at RATE Hz (tools/eval/sonel_eval.py speed builds 10 minutes of
 // holdout mixtures and runs every system in its own process, so no instance reuses heap pages
@@ -149,7 +149,7 @@ void measure(const std::string& system, unsigned rateHz, Make make, const std::v
 }
 
 int usage() {
-    std::cerr << "usage: sonel_stream_bench SYSTEM RATE FILE [--model PATH] [--sessions K]\n";
+    std::cerr << "usage: sonel_stream_bench SYSTEM RATE FILE [--model PATH]... [--sessions K]\n";
     return 2;
 }
 
@@ -157,12 +157,12 @@ int usage() {
 
 int main(int argc, char** argv) {
     std::vector<std::string> positional;
-    std::string modelPath;
+    std::vector<std::string> modelPaths;
     unsigned extraInstances = 8;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--model" && i + 1 < argc) {
-            modelPath = argv[++i];
+            modelPaths.push_back(argv[++i]);
         } else if (arg == "--sessions" && i + 1 < argc) {
             extraInstances = static_cast<unsigned>(std::stoul(argv[++i]));
         } else {
@@ -175,8 +175,8 @@ int main(int argc, char** argv) {
         const auto rate = static_cast<unsigned>(std::stoul(positional[1]));
         std::unique_ptr<sonel_eval::SonelLibrary> sonel;
         if (system == sonel_eval::kSonelSystem) {
-            if (modelPath.empty()) return usage();
-            sonel = std::make_unique<sonel_eval::SonelLibrary>(modelPath);
+            if (modelPaths.empty()) return usage();
+            sonel = std::make_unique<sonel_eval::SonelLibrary>(modelPaths);
         }
         const std::vector<float> audio = readRaw(positional[2]);
         measure(system, rate, [&] { return sonel_eval::makeDenoiser(system, rate, sonel.get()); }, audio,

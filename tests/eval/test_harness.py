@@ -149,7 +149,7 @@ class RunnerTest(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             model = os.path.join(folder, "standin.vlw")
             standin.write(model)
-            tools = evaluate.Tools(RUNNER, model)
+            tools = evaluate.Tools(RUNNER, [model])
             systems = list(evaluate.CPP_SYSTEMS) + [evaluate.SONEL]
             if os.path.isdir(os.path.join(evaluate.RNNOISE_DIR, "node_modules")):
                 systems.append(evaluate.RNNOISE)

@@ -13,7 +13,7 @@ namespace sonel_eval {
 
 namespace {
 
-constexpr const char* kModelName = "default";
+const std::string kModelName = "model-";
 
 bool supportedRate(unsigned rateHz) {
     return rateHz == 8000 || rateHz == 16000 || rateHz == 32000 || rateHz == 48000;
@@ -21,9 +21,9 @@ bool supportedRate(unsigned rateHz) {
 
 class SonelDenoiser final : public Denoiser {
 public:
-    explicit SonelDenoiser(unsigned rateHz) : Denoiser(rateHz) {
+    SonelDenoiser(unsigned rateHz, const std::string& modelName) : Denoiser(rateHz) {
         const auto rate = static_cast<SonelAudioSamplingRate>(rateHz);
-        session_ = sonelAudioNcCreateSession(rate, rate, SONEL_AUDIO_FRAME_10MS, kModelName);
+        session_ = sonelAudioNcCreateSession(rate, rate, SONEL_AUDIO_FRAME_10MS, modelName.c_str());
         if (!session_) throw std::runtime_error("Sonel could not create a session");
     }
     ~SonelDenoiser() override { sonelAudioNcCloseSession(session_); }
@@ -89,23 +89,32 @@ private:
 
 }  // namespace
 
-SonelLibrary::SonelLibrary(const std::string& modelPath) {
+SonelLibrary::SonelLibrary(const std::vector<std::string>& modelPaths) {
+    if (modelPaths.empty()) throw std::invalid_argument("Sonel needs at least one model");
     if (sonelAudioGlobalInit(nullptr) != SONEL_AUDIO_OK)
         throw std::runtime_error("Sonel could not start its global instance");
-    const std::wstring widePath(modelPath.begin(), modelPath.end());
-    if (sonelAudioSetModel(widePath.c_str(), kModelName) != SONEL_AUDIO_OK) {
-        sonelAudioGlobalDestroy();
-        throw std::runtime_error("Sonel could not load the model " + modelPath);
+    // Each file under its own name; a session asks for the first and gets the registry's best fit
+    // for its rate, as a host shipping one model per rate would.
+    for (size_t i = 0; i < modelPaths.size(); ++i) {
+        const std::wstring widePath(modelPaths[i].begin(), modelPaths[i].end());
+        names_.push_back(kModelName + std::to_string(i));
+        if (sonelAudioSetModel(widePath.c_str(), names_.back().c_str()) != SONEL_AUDIO_OK) {
+            names_.pop_back();
+            release();
+            throw std::runtime_error("Sonel could not load the model " + modelPaths[i]);
+        }
     }
 }
 
-SonelLibrary::~SonelLibrary() {
-    sonelAudioRemoveModel(kModelName);
+SonelLibrary::~SonelLibrary() { release(); }
+
+void SonelLibrary::release() {
+    for (const auto& name : names_) sonelAudioRemoveModel(name.c_str());
     sonelAudioGlobalDestroy();
 }
 
 std::unique_ptr<Denoiser> SonelLibrary::session(unsigned rateHz) const {
-    return std::make_unique<SonelDenoiser>(rateHz);
+    return std::make_unique<SonelDenoiser>(rateHz, names_.front());
 }
 
 const std::vector<std::string>& peerSystems() {

@@ -26,16 +26,21 @@ private:
     size_t frameSize_;
 };
 
-// The library's global instance with one model registered as "default", for as long as the
-// object lives. Sessions made from it must be destroyed before it.
+// The library's global instance with the given model files registered, for as long as the object
+// lives. Sessions made from it must be destroyed before it.
 class SonelLibrary {
 public:
-    explicit SonelLibrary(const std::string& modelPath);
+    explicit SonelLibrary(const std::vector<std::string>& modelPaths);
     ~SonelLibrary();
     SonelLibrary(const SonelLibrary&) = delete;
     SonelLibrary& operator=(const SonelLibrary&) = delete;
 
     std::unique_ptr<Denoiser> session(unsigned rateHz) const;
+
+private:
+    void release();
+
+    std::vector<std::string> names_;
 };
 
 // System names as the reports print them.

@@ -35,10 +35,10 @@ RNNOISE_DIR = os.path.join(EVAL_DIR, "rnnoise")
 
 
 class Tools:
-    """What runs the systems: the sonel-eval-run binary, the Sonel model file, Node.js."""
+    """What runs the systems: the sonel-eval-run binary, the Sonel model files, Node.js."""
 
-    def __init__(self, runner, model):
-        self.runner, self.model = runner, model
+    def __init__(self, runner, models):
+        self.runner, self.models = runner, models
 
     def run(self, system, rate_hz, pairs, scratch):
         """Writes each (input, output) pair's output; raw float32 files at rate_hz."""
@@ -65,7 +65,8 @@ class Tools:
         else:
             command = [self.runner, system, str(rate_hz), listing]
             if system == SONEL:
-                command += ["--model", self.model]
+                for model in self.models:
+                    command += ["--model", model]
         subprocess.run(command + ["--flush-ms", str(FLUSH_MS)], check=True, stdout=subprocess.DEVNULL)
 
 

@@ -1,6 +1,6 @@
 // sonel-eval-run: feeds raw audio files through one noise suppressor in 10 ms frames.
 //
-//   sonel-eval-run SYSTEM RATE LIST [--model PATH] [--flush-ms MS]
+//   sonel-eval-run SYSTEM RATE LIST [--model PATH]... [--flush-ms MS]
 //
 // LIST holds one "INPUT<TAB>OUTPUT" pair per line; both are raw little-endian float32 mono at
 // RATE Hz. Every file gets a fresh suppressor. The input is zero-padded to whole frames and
@@ -48,7 +48,7 @@ std::vector<float> denoise(sonel_eval::Denoiser& denoiser, std::vector<float> si
 }
 
 int usage() {
-    std::cerr << "usage: sonel-eval-run SYSTEM RATE LIST [--model PATH] [--flush-ms MS]\n"
+    std::cerr << "usage: sonel-eval-run SYSTEM RATE LIST [--model PATH]... [--flush-ms MS]\n"
                  "  SYSTEM: sonel";
     for (const auto& name : sonel_eval::peerSystems()) std::cerr << ", " << name;
     std::cerr << "\n";
@@ -59,12 +59,12 @@ int usage() {
 
 int main(int argc, char** argv) {
     std::vector<std::string> positional;
-    std::string modelPath;
+    std::vector<std::string> modelPaths;
     double flushMs = 100.0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--model" && i + 1 < argc) {
-            modelPath = argv[++i];
+            modelPaths.push_back(argv[++i]);
         } else if (arg == "--flush-ms" && i + 1 < argc) {
             flushMs = std::stod(argv[++i]);
         } else {
@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
     }
     if (positional.size() != 3) return usage();
     const std::string& system = positional[0];
-    if (system == sonel_eval::kSonelSystem && modelPath.empty()) {
+    if (system == sonel_eval::kSonelSystem && modelPaths.empty()) {
         std::cerr << "sonel-eval-run: the sonel system needs --model\n";
         return kExitUsage;
     }
@@ -81,7 +81,7 @@ int main(int argc, char** argv) {
         const auto rate = static_cast<unsigned>(std::stoul(positional[1]));
         const auto flushSamples = static_cast<size_t>(std::lround(flushMs * rate / 1000.0));
         std::unique_ptr<sonel_eval::SonelLibrary> sonel;
-        if (system == sonel_eval::kSonelSystem) sonel = std::make_unique<sonel_eval::SonelLibrary>(modelPath);
+        if (system == sonel_eval::kSonelSystem) sonel = std::make_unique<sonel_eval::SonelLibrary>(modelPaths);
         // An unknown system or rate fails here, even with an empty list.
         sonel_eval::makeDenoiser(system, rate, sonel.get());
         std::ifstream list(positional[2]);

@@ -2,26 +2,28 @@
 """Sonel's evaluation and benchmark harness: objective quality and speed against RNNoise, WebRTC
 and SpeexDSP.
 
-    sonel_eval.py quality [--build-dir DIR] [--model PATH] [--rates 48000,16000] [--systems A,B]
+    sonel_eval.py quality [--build-dir DIR] [--model PATH]... [--rates 48000,16000] [--systems A,B]
                           [--from-scores]
         Renders the test sets from the holdout corpus, runs every system over them, and writes
         docs/quality.md and docs/quality/*.png (--from-scores: from the last run's scores).
-    sonel_eval.py smoke [--build-dir DIR] [--model PATH] [--set-threshold] [--no-build]
+    sonel_eval.py smoke [--build-dir DIR] [--model PATH]... [--set-threshold] [--no-build]
         CI guard: Sonel alone on one mixture per SNR at 48 and 16 kHz (40 s of mixtures per rate);
         fails when its mean ΔSI-SDR is below tools/eval/smoke_threshold.json's threshold.
         --set-threshold records a new threshold from the current model instead.
-    sonel_eval.py speed [--build-dir DIR] [--model PATH]
+    sonel_eval.py speed [--build-dir DIR] [--model PATH]...
         Google Benchmark targets and the whole-stream benchmark; writes its section of
         docs/benchmarks.md.
     sonel_eval.py sets [--build-dir DIR]
         Only renders the test sets (BUILD/eval/sets/RATE/).
 
-The Sonel model defaults to models/sonel-nc-32k.vlw; while that does not exist, an untrained
-stand-in is written to BUILD/eval/standin-32k.vlw and every report says so. The build folder
+Sonel runs with every shipped model registered (models/sonel-nc-*.vlw), so each stream gets the
+model for its rate; while none exists, an untrained stand-in is written to
+BUILD/eval/standin-32k.vlw and every report says so. The build folder
 (default build-eval) is configured and the needed targets built unless --no-build is given.
 """
 
 import argparse
+import glob
 import hashlib
 import json
 import math
@@ -43,7 +45,7 @@ REPO = os.path.dirname(os.path.dirname(EVAL_DIR))
 sys.path.insert(0, os.path.dirname(EVAL_DIR))
 import sonel_weights  # noqa: E402
 
-DEFAULT_MODEL = os.path.join("models", "sonel-nc-32k.vlw")
+DEFAULT_MODELS = os.path.join("models", "sonel-nc-*.vlw")
 DEFAULT_BUILD = os.path.join(REPO, "build-eval")
 DEFAULT_DATA = os.path.join(os.path.dirname(REPO), "shared", "data")
 RATES = (48000, 16000)
@@ -69,20 +71,26 @@ def ensure_built(build_dir, targets, build):
         subprocess.run(["cmake", "--build", build_dir, "-j2", "--target"] + list(targets), check=True)
 
 
-def resolve_model(path, build_dir):
-    """{"path", "sha256", "name", "label", "stand_in"} of the model the run uses."""
-    if path is None:
-        path = os.path.join(REPO, DEFAULT_MODEL)
-        if not os.path.exists(path):
-            path = os.path.join(build_dir, "eval", "standin-32k.vlw")
-            if not os.path.exists(path):
-                standin.write(path)
-    with open(path, "rb") as source:
-        sha256 = hashlib.sha256(source.read()).hexdigest()
-    name = sonel_weights.read_file(path)["ModelName"].value
-    stand_in = name.startswith(standin.MODEL_NAME_PREFIX)
-    return {"path": repo_relative(path), "file": os.path.abspath(path), "sha256": sha256, "name": name,
-            "stand_in": stand_in, "label": STAND_IN_LABEL if stand_in else name}
+def resolve_models(paths, build_dir):
+    """The Sonel models a run registers: {"files", "path", "sha256", "name", "label", "stand_in"}.
+    Without paths, every shipped model (one per rate; a session gets the best fit for its rate)."""
+    if not paths:
+        paths = sorted(glob.glob(os.path.join(REPO, DEFAULT_MODELS)))
+        if not paths:
+            paths = [os.path.join(build_dir, "eval", "standin-32k.vlw")]
+            if not os.path.exists(paths[0]):
+                standin.write(paths[0])
+    hashes, names = [], []
+    for path in paths:
+        with open(path, "rb") as source:
+            hashes.append(hashlib.sha256(source.read()).hexdigest())
+        names.append(sonel_weights.read_file(path)["ModelName"].value)
+    # One file is known by its own hash, a set of files by the hash of their hashes.
+    sha256 = hashes[0] if len(hashes) == 1 else hashlib.sha256(" ".join(hashes).encode()).hexdigest()
+    stand_in = any(name.startswith(standin.MODEL_NAME_PREFIX) for name in names)
+    name = " + ".join(names)
+    return {"files": [os.path.abspath(p) for p in paths], "path": ", ".join(repo_relative(p) for p in paths),
+            "sha256": sha256, "name": name, "stand_in": stand_in, "label": STAND_IN_LABEL if stand_in else name}
 
 
 def machine():
@@ -109,8 +117,8 @@ def run_quality(args, argv):
         model, command = result.pop("model"), result.pop("command")
     else:
         ensure_built(args.build_dir, ["sonel-eval-run"], args.build)
-        model = resolve_model(args.model, args.build_dir)
-        tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["file"])
+        model = resolve_models(args.model, args.build_dir)
+        tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["files"])
         result = evaluate.evaluate(items, args.data_dir, os.path.join(args.build_dir, "eval"), args.rates,
                                    args.systems, tools)
         command = command_line(argv)
@@ -132,8 +140,8 @@ def smoke_key(model):
 
 def run_smoke(args, argv):
     ensure_built(args.build_dir, ["sonel-eval-run"], args.build)
-    model = resolve_model(args.model, args.build_dir)
-    tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["file"])
+    model = resolve_models(args.model, args.build_dir)
+    tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["files"])
     items = testsets.plan(args.data_dir, **SMOKE_PLAN)
     result = evaluate.evaluate(items, args.data_dir, os.path.join(args.build_dir, "eval", "smoke"), RATES,
                                (evaluate.SONEL,), tools, progress=lambda text: None)
@@ -185,7 +193,7 @@ def run_sets(args, argv):
 def run_speed(args, argv):
     import speed
     ensure_built(args.build_dir, speed.TARGETS, args.build)
-    model = resolve_model(args.model, args.build_dir)
+    model = resolve_models(args.model, args.build_dir)
     return speed.write_report(args, model, command_line(argv), machine())
 
 
@@ -198,8 +206,9 @@ def main(argv=None):
         sub = commands.add_parser(name)
         sub.add_argument("--build-dir", default=DEFAULT_BUILD)
         sub.add_argument("--data-dir", default=DEFAULT_DATA, help="the shared corpus (holdout/ is read)")
-        sub.add_argument("--model",
-                         help="Sonel model file (default %s, else an untrained stand-in)" % DEFAULT_MODEL)
+        sub.add_argument("--model", action="append",
+                         help="Sonel model file, repeatable (default: every %s, else an untrained "
+                              "stand-in)" % DEFAULT_MODELS)
         sub.add_argument("--no-build", dest="build", action="store_false",
                          help="use the build folder as it is")
         if name in ("quality", "sets"):

@@ -64,9 +64,9 @@ def stream_benchmarks(args, model):
     for rate in STREAM_RATES:
         audio = stream_audio(args, rate)
         for system in STREAM_SYSTEMS:
-            output = subprocess.run(
-                [os.path.join(args.build_dir, "bench", "sonel_stream_bench"), system, str(rate), audio,
-                 "--model", model["file"]], check=True, capture_output=True, text=True).stdout
+            command = [os.path.join(args.build_dir, "bench", "sonel_stream_bench"), system, str(rate), audio]
+            command += [arg for path in model["files"] for arg in ("--model", path)]
+            output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
             # The library announces the weight file it loads on standard output; the result is
             # the JSON line.
             rows.append(json.loads(next(line for line in output.splitlines() if line.startswith("{"))))
@@ -89,7 +89,7 @@ def section(google, stream, model, command, machine, load):
         "%s Load average while it ran: %s (other jobs shared the machine, which inflates p99 and "
         "means more than medians)." % (machine, load),
         "",
-        "Sonel model for the whole-stream rows: `%s` (sha256 `%s`)%s. The Google Benchmark "
+        "Sonel models for the whole-stream rows: `%s` (sha256 `%s`)%s. The Google Benchmark "
         "`BM_NcFrame` rows use random models of the shipped size (`bench/session_bench.cpp`)."
         % (model["path"], model["sha256"][:16],
            ", an **untrained stand-in** of the shipped size: its cost is a trained model's, its "
