@@ -143,7 +143,7 @@ def markdown(result, items, model, command, machine):
         "levels High / VeryHigh (float interface).",
         "- `rnnoise`: RNNoise, WebAssembly build from npm (`@jitsi/rnnoise-wasm` 0.2.1, its 0.2 "
         "model), 480-sample frames at 48 kHz; the 16 kHz set is resampled to 48 kHz and back.",
-        "- `sonel`: the public C interface, float path, one NC session per item, model \"default\".",
+        "- `sonel`: the public C interface, float path, one NC session per item, every model listed above registered (a session runs the one for its rate).",
         "",
         "All run 10 ms frames with fresh state per item. Each output is moved earlier by the system's "
         "constant delay (median lag of the cross-correlation peak over the clean-only items, to "
