@@ -39,6 +39,9 @@ class Geometry:
     # dither only; room tone recorded above the 16-bit floor is louder.
     freeze_low: float = 1.0
     freeze_high: float = 4.0
+    # Post-processing chosen for the trained network on training-split mixtures, on top of
+    # CONTROLS: ((X, (type, value)), ...) for CONTROL_SONEL_X (docs/training.md).
+    tuned_controls: tuple = ()
 
     @property
     def hop(self):
@@ -68,7 +71,9 @@ class Geometry:
 GEOMETRIES = {
     8000: Geometry(8000, compress_rate=2, hidden=(64, 64)),
     16000: Geometry(16000, compress_rate=3, hidden=(96, 96)),
-    32000: Geometry(32000, compress_rate=4, hidden=(128, 128)),
+    32000: Geometry(32000, compress_rate=4, hidden=(128, 128),
+                    tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
+                                    ("RM_THRESHOLD", (sw.FLOAT, 0.1)))),
 }
 
 # Post-processing the models are trained for: the library's defaults (mask squared, nothing else)
@@ -173,8 +178,11 @@ def _np(p):
     return p.detach().cpu().numpy().astype(F32)
 
 
-def model_records(geometry, network, mu, sd, name, controls=CONTROLS, timestamp=None):
-    """Every record the cleaner reads, in the order of the design page."""
+def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None):
+    """Every record the cleaner reads, in the order of the design page. `controls` default to
+    CONTROLS plus the geometry's tuned post-processing."""
+    if controls is None:
+        controls = dict(CONTROLS, **dict(geometry.tuned_controls))
     bands = geometry.bands()
     begin, end = geometry.filter_range
     R = sw.Record
