@@ -52,6 +52,14 @@ class TrainingExportTest(unittest.TestCase):
                 bands = geometry.bands().count
                 mu = rng.normal(8.0, 2.0, bands).astype(np.float32)
                 sd = rng.uniform(1.0, 3.0, bands).astype(np.float32)
+                # Through a checkpoint, as export.py reads it: a run's own hidden sizes replace
+                # its rate's.
+                checkpoint = os.path.join(folder, "checkpoint.pt")
+                torch.save({"args": {"rate": geometry.rate, "hidden": list(geometry.hidden)},
+                            "network": model.state_dict(), "mu": mu, "sd": sd}, checkpoint)
+                read_geometry, model, mu, sd = export.load_checkpoint(checkpoint)
+                self.assertEqual(read_geometry.hidden, geometry.hidden)
+                self.assertEqual(read_geometry.tuned_controls, net.GEOMETRIES[geometry.rate].tuned_controls)
                 loaded = export.write_model(os.path.join(folder, "m.vlw"), geometry, model, mu, sd, "test")
 
                 feats = net.nc.FrontEnd(loaded).signal_features(speech_like(geometry.rate, rng))

@@ -22,7 +22,7 @@ sw = net.sw
 def load_checkpoint(path):
     """Geometry, network (evaluation mode) and MU/SD of a training checkpoint."""
     ck = torch.load(path, map_location="cpu")
-    geometry = net.GEOMETRIES[ck["args"]["rate"]]
+    geometry = net.geometry_of(ck["args"])
     model = net.new_network(geometry)
     model.load_state_dict(ck["network"])
     model.eval()

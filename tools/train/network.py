@@ -8,6 +8,7 @@ take h; band gains σ(A_last·h + α_last). Parameters are stored in the records
 outputs, the state's columns first), so export is a copy.
 """
 
+import dataclasses
 import sys
 import time
 from dataclasses import dataclass
@@ -66,6 +67,13 @@ class Geometry:
     def bands(self):
         begin, end = self.filter_range
         return nc.BandLayout(self.hop + 1, begin, end, self.compress_rate)
+
+
+def geometry_of(args):
+    """The geometry a run trains: its rate's, with the hidden sizes the run chose (if any)."""
+    geometry = GEOMETRIES[args["rate"]]
+    hidden = args.get("hidden")
+    return dataclasses.replace(geometry, hidden=tuple(hidden)) if hidden else geometry
 
 
 GEOMETRIES = {

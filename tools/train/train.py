@@ -51,6 +51,8 @@ def parse_args(argv):
     p.add_argument("--data", default=str(DEFAULT_DATA),
                    help="corpus root holding train/ (default %(default)s)")
     p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
+    p.add_argument("--hidden", type=lambda s: [int(h) for h in s.split(",")],
+                   help="hidden layer sizes, e.g. 192,192 (default by rate; network.py)")
     p.add_argument("--epochs", type=int, help="length of the schedule (default by rate)")
     p.add_argument("--examples", type=int, help="mixtures per epoch (default by rate)")
     p.add_argument("--batch", type=int, default=16, help="mixtures per batch")
@@ -75,7 +77,7 @@ def parse_args(argv):
 
 
 # Settings that must not change when a run is resumed.
-FIXED = ("rate", "batch", "seconds", "chunk", "seed", "examples", "validation", "normalisation")
+FIXED = ("rate", "hidden", "batch", "seconds", "chunk", "seed", "examples", "validation", "normalisation")
 
 
 def loss_terms(gains, target, valid):
@@ -132,7 +134,7 @@ def main(argv=None):
     args = parse_args(argv)
     torch.set_num_threads(args.threads)
     device = torch.device("cuda" if torch.cuda.is_available() else "cpu")
-    geometry = net.GEOMETRIES[args.rate]
+    geometry = net.geometry_of(vars(args))
     state_dir = Path(args.state_dir)
     state_dir.mkdir(parents=True, exist_ok=True)
     checkpoint_path = state_dir / "checkpoint.pt"
@@ -147,9 +149,9 @@ def main(argv=None):
     if checkpoint_path.exists():
         ck = torch.load(checkpoint_path, map_location=device)
         for name in FIXED:
-            if ck["args"][name] != getattr(args, name):
+            if ck["args"].get(name) != getattr(args, name):
                 sys.exit("%s is %r in the checkpoint, %r on the command line"
-                         % (name, ck["args"][name], getattr(args, name)))
+                         % (name, ck["args"].get(name), getattr(args, name)))
         model.load_state_dict(ck["network"])
         optimizer.load_state_dict(ck["optimizer"])
         torch.set_rng_state(ck["torch_rng"])
