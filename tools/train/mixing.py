@@ -207,7 +207,10 @@ class Mixer:
 
         sections = microphone(rng, rate)
         draw = rng.random()
-        cutoff = (rng.choice([f for f in BAND_LIMITS_HZ if f < 0.45 * rate]) if draw < P_BAND_LIMIT
+        # An 8 kHz model has no narrower channel below its band; those mixtures get the
+        # resampler's roll-off instead.
+        narrow = [f for f in BAND_LIMITS_HZ if f < 0.45 * rate]
+        cutoff = (rng.choice(narrow) if draw < P_BAND_LIMIT and narrow
                   else rng.uniform(*HOST_CUTOFF) * rate / 2 if draw < P_BAND_LIMIT + P_HOST_RESAMPLER
                   else None)
         if cutoff is not None:

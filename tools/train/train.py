@@ -67,6 +67,8 @@ def parse_args(argv):
     p.add_argument("--recurrence-limit", type=float, default=net.RECURRENCE_LIMIT,
                    help="bound on the first layer's state columns (0: none; see network.py)")
     p.add_argument("--checkpoint-minutes", type=float, default=5.0)
+    p.add_argument("--until-epoch", type=int,
+                   help="stop once this many epochs are done, keeping the schedule's learning-rate curve")
     p.add_argument("--stop-after", type=int, help="stop after this many batches (smoke runs)")
     args = p.parse_args(argv)
     epochs, examples = SCHEDULES[args.rate]
@@ -179,7 +181,8 @@ def main(argv=None):
                       loader.batches([(VALIDATION_EPOCH, i) for i in range(args.validation)], args.batch)]
         last_save = time.time()
         done = 0
-        while epoch < args.epochs:
+        last = min(args.epochs, args.until_epoch or args.epochs)
+        while epoch < last:
             started = time.time()
             keys = [(epoch, i) for i in range(args.examples)][position * args.batch:]
             for batch in loader.batches(keys, args.batch):
@@ -230,7 +233,8 @@ def main(argv=None):
                 log.writelines(json.dumps(r) + "\n" for r in history)
             os.replace(state_dir / "history.jsonl.tmp", state_dir / "history.jsonl")
             last_save = time.time()
-        print("schedule complete: %d epochs" % args.epochs, flush=True)
+        print("schedule complete: %d epochs" % args.epochs if last == args.epochs
+              else "stopped at epoch %d of %d" % (last, args.epochs), flush=True)
         return 0
     finally:
         loader.close()
