@@ -59,6 +59,8 @@ def parse_args(argv):
     p.add_argument("--seconds", type=float, default=10.0, help="mixture length")
     p.add_argument("--chunk", type=float, default=2.5, help="seconds per truncated-BPTT step")
     p.add_argument("--lr", type=float, default=1e-3)
+    p.add_argument("--attenuation-weight", type=float, default=ATTENUATION_WEIGHT,
+                   help="extra weight of the loss where the gain falls short of its target")
     p.add_argument("--seed", type=int, default=20260101)
     p.add_argument("--validation", type=int, default=64, help="validation mixtures")
     p.add_argument("--normalisation", type=int, default=128, help="mixtures MU/SD are measured on")
@@ -82,14 +84,14 @@ def parse_args(argv):
 FIXED = ("rate", "hidden", "batch", "seconds", "chunk", "seed", "examples", "validation", "normalisation")
 
 
-def loss_terms(gains, target, valid):
+def loss_terms(gains, target, valid, attenuation_weight):
     """Squared error of the compressed gains, plus the squared shortfall where the gain is below
     its target (speech attenuation) weighted again; means over the counted bands."""
     v = valid.to(gains.dtype)
     count = v.sum().clamp(min=1.0)
     squared = ((gains - target) ** 2 * v).sum() / count
     shortfall = (torch.clamp(target - gains, min=0.0) ** 2 * v).sum() / count
-    return squared + ATTENUATION_WEIGHT * shortfall, squared, shortfall
+    return squared + attenuation_weight * shortfall, squared, shortfall
 
 
 def learning_rate(args, step, total):
@@ -109,14 +111,15 @@ def tensors(batch, device):
     return {k: torch.from_numpy(np.ascontiguousarray(v)).to(device) for k, v in batch.items()}
 
 
-def evaluate(model, batches):
+def evaluate(model, batches, attenuation_weight):
     sums = np.zeros(3)
     weight = 0.0
     with torch.no_grad():
         for b in batches:
             gains, _ = model(b["inputs"], b["analysed"])
             n = float(b["valid"].sum())
-            sums += n * np.array([float(x) for x in loss_terms(gains, b["target"], b["valid"])])
+            terms = loss_terms(gains, b["target"], b["valid"], attenuation_weight)
+            sums += n * np.array([float(x) for x in terms])
             weight += n
     return sums / max(weight, 1.0)
 
@@ -191,7 +194,8 @@ def main(argv=None):
                 for first in range(0, b["inputs"].shape[1], chunk):
                     part = slice(first, first + chunk)
                     gains, state = model(b["inputs"][:, part], b["analysed"][:, part], state)
-                    loss, _, _ = loss_terms(gains, b["target"][:, part], b["valid"][:, part])
+                    loss, _, _ = loss_terms(gains, b["target"][:, part], b["valid"][:, part],
+                                             args.attenuation_weight)
                     for group in optimizer.param_groups:
                         group["lr"] = learning_rate(args, step, total_steps)
                     optimizer.zero_grad()
@@ -218,7 +222,7 @@ def main(argv=None):
                     print("stopped after %d batches at epoch %d, batch %d" % (done, epoch, position),
                           flush=True)
                     return 0
-            val = evaluate(model, validation)
+            val = evaluate(model, validation, args.attenuation_weight)
             record = {"epoch": epoch + 1, "step": step, "train_loss": running[0] / max(running[1], 1.0),
                       "val_loss": val[0], "val_squared": val[1], "val_shortfall": val[2],
                       "lr": learning_rate(args, step, total_steps), "minutes": (time.time() - started) / 60,
