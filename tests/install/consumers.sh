@@ -7,6 +7,11 @@ export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 cc -std=c99 "$source/consumer.c" $(pkg-config --cflags --libs sonel-audio-sdk) \
    -Wl,-rpath,"$prefix/lib" -o "$prefix/by-pkg-config"
 [ "$("$prefix/by-pkg-config")" = 7.0.1.40 ]
+# Every shipped model is installed and cleans through the installed library; the tool comes along.
+models=("$prefix"/share/sonel/models/sonel-nc-*.sw)
+[ -e "${models[0]}" ]
+for model in "${models[@]}"; do "$prefix/by-pkg-config" "$model" >/dev/null; done
+"$prefix/bin/sonel" version >/dev/null
 mkdir -p "$prefix/cmake-consumer"
 cat > "$prefix/cmake-consumer/CMakeLists.txt" <<CMAKE
 cmake_minimum_required(VERSION 3.20)
