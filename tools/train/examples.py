@@ -35,10 +35,10 @@ def band_starts_hz(geometry):
 
 
 class ExampleMaker:
-    def __init__(self, geometry, mu, sd, corpus_folder, seconds, seed):
+    def __init__(self, geometry, mu, sd, corpus_folder, seconds, seed, noise_only):
         self.geometry, self.seed = geometry, seed
         self.front = front_end(geometry, mu, sd)
-        self.mixer = Mixer(Corpus(corpus_folder), seconds)
+        self.mixer = Mixer(Corpus(corpus_folder), seconds, noise_only)
         self.starts_hz = band_starts_hz(geometry)
 
     def mixture(self, epoch, index):
@@ -84,8 +84,8 @@ def _make_bands(key):
 class Loader:
     """Examples made by worker processes, one batch ahead of the consumer."""
 
-    def __init__(self, workers, geometry, mu, sd, corpus_folder, seconds, seed):
-        self.pool = Pool(workers, _init, (geometry, mu, sd, corpus_folder, seconds, seed))
+    def __init__(self, workers, geometry, mu, sd, corpus_folder, seconds, seed, noise_only):
+        self.pool = Pool(workers, _init, (geometry, mu, sd, corpus_folder, seconds, seed, noise_only))
 
     def batches(self, keys, batch_size):
         """Stacked batches (dict of arrays, leading axis = example) of the examples of `keys`."""

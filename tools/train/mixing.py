@@ -147,8 +147,8 @@ def looped(audio, n, start, fade):
 
 
 class Mixer:
-    def __init__(self, corpus, seconds):
-        self.corpus = corpus
+    def __init__(self, corpus, seconds, noise_only=P_NOISE_ONLY):
+        self.corpus, self.noise_only = corpus, noise_only
         self.rate = corpus.rate
         self.length = int(seconds * self.rate)
         self.groups = {}
@@ -192,7 +192,7 @@ class Mixer:
     def __call__(self, rng):
         rate, n = self.rate, self.length
         draw = rng.random()
-        kind = "clean" if draw < P_CLEAN_ONLY else "noise" if draw < P_CLEAN_ONLY + P_NOISE_ONLY else "noisy"
+        kind = "clean" if draw < P_CLEAN_ONLY else "noise" if draw < P_CLEAN_ONLY + self.noise_only else "noisy"
         bandwidth = rate / 2
         wet = target = noise = np.zeros(n)
         if kind != "noise":

@@ -25,6 +25,7 @@ import torch
 import network as net
 from corpus import Corpus
 from examples import Loader
+from mixing import P_NOISE_ONLY
 
 REPO = Path(__file__).resolve().parent.parent.parent
 DEFAULT_DATA = REPO.parent / "shared" / "data"
@@ -57,6 +58,8 @@ def parse_args(argv):
     p.add_argument("--examples", type=int, help="mixtures per epoch (default by rate)")
     p.add_argument("--batch", type=int, default=16, help="mixtures per batch")
     p.add_argument("--seconds", type=float, default=10.0, help="mixture length")
+    p.add_argument("--noise-only-share", type=float, default=P_NOISE_ONLY,
+                   help="share of mixtures without speech")
     p.add_argument("--chunk", type=float, default=2.5, help="seconds per truncated-BPTT step")
     p.add_argument("--lr", type=float, default=1e-3)
     p.add_argument("--attenuation-weight", type=float, default=ATTENUATION_WEIGHT,
@@ -81,7 +84,9 @@ def parse_args(argv):
 
 
 # Settings that must not change when a run is resumed.
-FIXED = ("rate", "hidden", "batch", "seconds", "chunk", "seed", "examples", "validation", "normalisation")
+FIXED = ("rate", "hidden", "noise_only_share", "batch", "seconds", "chunk", "seed", "examples",
+         "validation", "normalisation")
+FIXED_BEFORE = {"hidden": None, "noise_only_share": P_NOISE_ONLY}
 
 
 def loss_terms(gains, target, valid, attenuation_weight):
@@ -126,7 +131,7 @@ def evaluate(model, batches, attenuation_weight):
 
 def normalisation(args, geometry, corpus_folder):
     loader = Loader(args.workers, geometry, np.zeros(1, np.float32), np.ones(1, np.float32),
-                    corpus_folder, args.seconds, args.seed)
+                    corpus_folder, args.seconds, args.seed, args.noise_only_share)
     try:
         log_bands = loader.log_bands([(NORMALISATION_EPOCH, i) for i in range(args.normalisation)])
     finally:
@@ -154,9 +159,10 @@ def main(argv=None):
     if checkpoint_path.exists():
         ck = torch.load(checkpoint_path, map_location=device)
         for name in FIXED:
-            if ck["args"].get(name) != getattr(args, name):
+            # Runs from before a setting existed had its default.
+            if ck["args"].get(name, FIXED_BEFORE.get(name)) != getattr(args, name):
                 sys.exit("%s is %r in the checkpoint, %r on the command line"
-                         % (name, ck["args"].get(name), getattr(args, name)))
+                         % (name, ck["args"].get(name, FIXED_BEFORE.get(name)), getattr(args, name)))
         model.load_state_dict(ck["network"])
         optimizer.load_state_dict(ck["optimizer"])
         torch.set_rng_state(ck["torch_rng"])
@@ -178,7 +184,8 @@ def main(argv=None):
                     "torch_rng": torch.get_rng_state(), "mu": mu, "sd": sd, "epoch": epoch,
                     "position": position, "step": step, "running": running, "history": history})
 
-    loader = Loader(args.workers, geometry, mu, sd, corpus_folder, args.seconds, args.seed)
+    loader = Loader(args.workers, geometry, mu, sd, corpus_folder, args.seconds, args.seed,
+                    args.noise_only_share)
     try:
         validation = [tensors(b, device) for b in
                       loader.batches([(VALIDATION_EPOCH, i) for i in range(args.validation)], args.batch)]
