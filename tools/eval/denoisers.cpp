@@ -13,7 +13,7 @@ namespace sonel_eval {
 
 namespace {
 
-const std::string kModelName = "model-";
+const std::string kModelNamePrefix = "model-";
 
 bool supportedRate(unsigned rateHz) {
     return rateHz == 8000 || rateHz == 16000 || rateHz == 32000 || rateHz == 48000;
@@ -97,7 +97,7 @@ SonelLibrary::SonelLibrary(const std::vector<std::string>& modelPaths) {
     // for its rate, as a host shipping one model per rate would.
     for (size_t i = 0; i < modelPaths.size(); ++i) {
         const std::wstring widePath(modelPaths[i].begin(), modelPaths[i].end());
-        names_.push_back(kModelName + std::to_string(i));
+        names_.push_back(kModelNamePrefix + std::to_string(i));
         if (sonelAudioSetModel(widePath.c_str(), names_.back().c_str()) != SONEL_AUDIO_OK) {
             names_.pop_back();
             release();

@@ -65,9 +65,13 @@ class Tools:
         else:
             command = [self.runner, system, str(rate_hz), listing]
             if system == SONEL:
-                for model in self.models:
-                    command += ["--model", model]
+                command += model_args(self.models)
         subprocess.run(command + ["--flush-ms", str(FLUSH_MS)], check=True, stdout=subprocess.DEVNULL)
+
+
+def model_args(models):
+    """Command-line arguments registering every model file with the C++ runners."""
+    return [arg for path in models for arg in ("--model", path)]
 
 
 def _read_raw(path):

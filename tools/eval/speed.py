@@ -65,7 +65,7 @@ def stream_benchmarks(args, model):
         audio = stream_audio(args, rate)
         for system in STREAM_SYSTEMS:
             command = [os.path.join(args.build_dir, "bench", "sonel_stream_bench"), system, str(rate), audio]
-            command += [arg for path in model["files"] for arg in ("--model", path)]
+            command += evaluate.model_args(model["files"])
             output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
             # The library announces the weight file it loads on standard output; the result is
             # the JSON line.
