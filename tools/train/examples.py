@@ -18,6 +18,10 @@ F32 = np.float32
 # Power (16-bit units) added to both band energies of the ratio: where the target and the input
 # are both below the 16-bit floor the gain is 1, not 0/0.
 RATIO_FLOOR = 1.0
+# Exponent of the noisy band energy in a band's loss weight (--energy-weight): the weight follows
+# the band's amplitude compressed as the gain target is, so loud bands, which dominate the output's
+# error energy, count more without letting the loudest few decide alone.
+ENERGY_EXPONENT = 0.25
 # A band counts when it starts below this share of the speech's bandwidth (a resampled 16 kHz
 # source rolls off just below 8 kHz).
 BANDWIDTH_MARGIN = 0.97
@@ -52,6 +56,9 @@ class ExampleMaker:
         noisy = bands.compress(np.abs(feats.spectra) ** 2).astype(np.float64)
         ratio = np.minimum((clean + RATIO_FLOOR) / (noisy + RATIO_FLOOR), 1.0)
         valid = feats.analysed[:, None] & (self.starts_hz < BANDWIDTH_MARGIN * mix.bandwidth)[None, :]
+        weight = (noisy + RATIO_FLOOR) ** ENERGY_EXPONENT
+        # Relative to the mixture's mean over its counted bands: the input level does not matter.
+        weight /= max(weight[valid].mean(), 1e-12) if valid.any() else 1.0
         return {
             # Frozen blocks (NaN rows) never reach the network; zeros keep the arithmetic finite.
             "inputs": np.nan_to_num(feats.inputs, nan=0.0).astype(F32),
@@ -59,6 +66,7 @@ class ExampleMaker:
             "analysed": feats.analysed,
             "target": (ratio ** 0.25).astype(F32),
             "valid": valid,
+            "energy": weight.astype(F32),
         }
 
 

@@ -64,6 +64,8 @@ def parse_args(argv):
     p.add_argument("--lr", type=float, default=1e-3)
     p.add_argument("--attenuation-weight", type=float, default=ATTENUATION_WEIGHT,
                    help="extra weight of the loss where the gain falls short of its target")
+    p.add_argument("--energy-weight", type=float, default=0.0,
+                   help="share of each band's loss weight that follows its input energy (0: all alike)")
     p.add_argument("--seed", type=int, default=20260101)
     p.add_argument("--validation", type=int, default=64, help="validation mixtures")
     p.add_argument("--normalisation", type=int, default=128, help="mixtures MU/SD are measured on")
@@ -89,10 +91,11 @@ FIXED = ("rate", "hidden", "noise_only_share", "batch", "seconds", "chunk", "see
 FIXED_BEFORE = {"hidden": None, "noise_only_share": P_NOISE_ONLY}
 
 
-def loss_terms(gains, target, valid, attenuation_weight):
+def loss_terms(gains, target, valid, energy, attenuation_weight, energy_weight):
     """Squared error of the compressed gains, plus the squared shortfall where the gain is below
-    its target (speech attenuation) weighted again; means over the counted bands."""
-    v = valid.to(gains.dtype)
+    its target (speech attenuation) weighted again; means over the counted bands, each band
+    weighted 1 - energy_weight + energy_weight * (its relative compressed energy)."""
+    v = valid.to(gains.dtype) * (1.0 - energy_weight + energy_weight * energy)
     count = v.sum().clamp(min=1.0)
     squared = ((gains - target) ** 2 * v).sum() / count
     shortfall = (torch.clamp(target - gains, min=0.0) ** 2 * v).sum() / count
@@ -116,14 +119,15 @@ def tensors(batch, device):
     return {k: torch.from_numpy(np.ascontiguousarray(v)).to(device) for k, v in batch.items()}
 
 
-def evaluate(model, batches, attenuation_weight):
+def evaluate(model, batches, args):
     sums = np.zeros(3)
     weight = 0.0
     with torch.no_grad():
         for b in batches:
             gains, _ = model(b["inputs"], b["analysed"])
             n = float(b["valid"].sum())
-            terms = loss_terms(gains, b["target"], b["valid"], attenuation_weight)
+            terms = loss_terms(gains, b["target"], b["valid"], b["energy"], args.attenuation_weight,
+                               args.energy_weight)
             sums += n * np.array([float(x) for x in terms])
             weight += n
     return sums / max(weight, 1.0)
@@ -202,7 +206,8 @@ def main(argv=None):
                     part = slice(first, first + chunk)
                     gains, state = model(b["inputs"][:, part], b["analysed"][:, part], state)
                     loss, _, _ = loss_terms(gains, b["target"][:, part], b["valid"][:, part],
-                                             args.attenuation_weight)
+                                            b["energy"][:, part], args.attenuation_weight,
+                                            args.energy_weight)
                     for group in optimizer.param_groups:
                         group["lr"] = learning_rate(args, step, total_steps)
                     optimizer.zero_grad()
@@ -229,7 +234,7 @@ def main(argv=None):
                     print("stopped after %d batches at epoch %d, batch %d" % (done, epoch, position),
                           flush=True)
                     return 0
-            val = evaluate(model, validation, args.attenuation_weight)
+            val = evaluate(model, validation, args)
             record = {"epoch": epoch + 1, "step": step, "train_loss": running[0] / max(running[1], 1.0),
                       "val_loss": val[0], "val_squared": val[1], "val_shortfall": val[2],
                       "lr": learning_rate(args, step, total_steps), "minutes": (time.time() - started) / 60,
