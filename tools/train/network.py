@@ -80,10 +80,10 @@ GEOMETRIES = {
     8000: Geometry(8000, compress_rate=2, hidden=(64, 64)),
     16000: Geometry(16000, compress_rate=3, hidden=(96, 96),
                     tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
-                                    ("RM_THRESHOLD", (sw.FLOAT, 0.3)))),
+                                    ("RM_THRESHOLD", (sw.FLOAT, 0.4)))),
     32000: Geometry(32000, compress_rate=4, hidden=(128, 128),
                     tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
-                                    ("RM_THRESHOLD", (sw.FLOAT, 0.1)))),
+                                    ("RM_THRESHOLD", (sw.FLOAT, 0.6)))),
 }
 
 # Post-processing the models are trained for: the library's defaults (mask squared, nothing else)

@@ -21,6 +21,9 @@ if [ "$rate" = 32000 ]; then
     /usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state" --epochs 100 --until-epoch 19
 fi
 /usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state"
+# Then two epochs with the loss weighted by band energy, on a curve stretched to 56 epochs; the
+# shipped networks are those of epoch 52.
+/usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state" --energy-weight 1 --epochs 56 --until-epoch 52
 /usr/bin/python3 "$here/export.py" --checkpoint "$state/checkpoint.pt" \
     --out "$models/$name.vlw" --out "$models/$name.sw" --build-dir "$build"
 /usr/bin/python3 "$here/evaluate.py" --model "$models/$name.vlw" --cache-dir "$state/cache"
