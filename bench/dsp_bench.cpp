@@ -18,7 +18,7 @@ constexpr unsigned kContextFrames = 3;
 constexpr unsigned kBands16k = 50;
 constexpr unsigned kHidden16k = 96;
 constexpr unsigned kBands32k = 60;
-constexpr unsigned kHidden32k = 128;
+constexpr unsigned kHidden32k = 256;
 
 std::vector<float> randomVector(size_t n) {
     std::mt19937 rng(1);

@@ -15,15 +15,22 @@ here=$(cd "$(dirname "$0")" && pwd)
 models=$(cd "$here/../.." && pwd)/models
 name=sonel-nc-$((rate / 1000))k
 mkdir -p "$state" "$models"
+train() {
+    /usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state" "$@"
+}
 if [ "$rate" = 32000 ]; then
-    # The shipped 32 kHz network's run was planned at 100 epochs and shortened to 50 after its
-    # 19th; the same two phases give it the same learning-rate curve.
-    /usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state" --epochs 100 --until-epoch 19
+    # The shipped 32 kHz network is the wide one. Its run was planned at 50 epochs and shortened
+    # to 44 after its 34th; the same two phases give it the same learning-rate curve. Then two
+    # epochs with the loss weighted by band energy on a curve stretched to 50: epoch 46 ships.
+    train --hidden 256,256 --until-epoch 34
+    train --hidden 256,256 --epochs 44
+    train --hidden 256,256 --energy-weight 1 --epochs 50 --until-epoch 46
+else
+    train
+    # Then two epochs with the loss weighted by band energy, on a curve stretched to 56 epochs:
+    # the shipped 16 kHz network is that of epoch 52.
+    train --energy-weight 1 --epochs 56 --until-epoch 52
 fi
-/usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state"
-# Then two epochs with the loss weighted by band energy, on a curve stretched to 56 epochs; the
-# shipped networks are those of epoch 52.
-/usr/bin/python3 "$here/train.py" --rate "$rate" --state-dir "$state" --energy-weight 1 --epochs 56 --until-epoch 52
 /usr/bin/python3 "$here/export.py" --checkpoint "$state/checkpoint.pt" \
     --out "$models/$name.vlw" --out "$models/$name.sw" --build-dir "$build"
 /usr/bin/python3 "$here/evaluate.py" --model "$models/$name.vlw" --cache-dir "$state/cache"
