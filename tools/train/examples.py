@@ -39,10 +39,10 @@ def band_starts_hz(geometry):
 
 
 class ExampleMaker:
-    def __init__(self, geometry, mu, sd, corpus_folder, seconds, seed, noise_only):
+    def __init__(self, geometry, mu, sd, corpus_folder, seconds, seed, shares):
         self.geometry, self.seed = geometry, seed
         self.front = front_end(geometry, mu, sd)
-        self.mixer = Mixer(Corpus(corpus_folder), seconds, noise_only)
+        self.mixer = Mixer(Corpus(corpus_folder), seconds, **shares)
         self.starts_hz = band_starts_hz(geometry)
 
     def mixture(self, epoch, index):
@@ -92,8 +92,9 @@ def _make_bands(key):
 class Loader:
     """Examples made by worker processes, one batch ahead of the consumer."""
 
-    def __init__(self, workers, geometry, mu, sd, corpus_folder, seconds, seed, noise_only):
-        self.pool = Pool(workers, _init, (geometry, mu, sd, corpus_folder, seconds, seed, noise_only))
+    def __init__(self, workers, geometry, mu, sd, corpus_folder, seconds, seed, shares):
+        """`shares`: keyword arguments of the Mixer (shares of kinds of mixture)."""
+        self.pool = Pool(workers, _init, (geometry, mu, sd, corpus_folder, seconds, seed, shares))
 
     def batches(self, keys, batch_size):
         """Stacked batches (dict of arrays, leading axis = example) of the examples of `keys`."""

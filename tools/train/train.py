@@ -25,7 +25,7 @@ import torch
 import network as net
 from corpus import Corpus
 from examples import Loader
-from mixing import P_NOISE_ONLY
+from mixing import P_NARROW_TALKER, P_NOISE_ONLY
 
 REPO = Path(__file__).resolve().parent.parent.parent
 DEFAULT_DATA = REPO.parent / "shared" / "data"
@@ -60,6 +60,8 @@ def parse_args(argv):
     p.add_argument("--seconds", type=float, default=10.0, help="mixture length")
     p.add_argument("--noise-only-share", type=float, default=P_NOISE_ONLY,
                    help="share of mixtures without speech")
+    p.add_argument("--narrow-talker-share", type=float, default=P_NARROW_TALKER,
+                   help="share of full-band talkers cut to a narrow band under wider noise")
     p.add_argument("--chunk", type=float, default=2.5, help="seconds per truncated-BPTT step")
     p.add_argument("--lr", type=float, default=1e-3)
     p.add_argument("--attenuation-weight", type=float, default=ATTENUATION_WEIGHT,
@@ -119,6 +121,10 @@ def tensors(batch, device):
     return {k: torch.from_numpy(np.ascontiguousarray(v)).to(device) for k, v in batch.items()}
 
 
+def shares(args):
+    return {"noise_only": args.noise_only_share, "narrow_talker": args.narrow_talker_share}
+
+
 def evaluate(model, batches, args):
     sums = np.zeros(3)
     weight = 0.0
@@ -135,7 +141,7 @@ def evaluate(model, batches, args):
 
 def normalisation(args, geometry, corpus_folder):
     loader = Loader(args.workers, geometry, np.zeros(1, np.float32), np.ones(1, np.float32),
-                    corpus_folder, args.seconds, args.seed, args.noise_only_share)
+                    corpus_folder, args.seconds, args.seed, shares(args))
     try:
         log_bands = loader.log_bands([(NORMALISATION_EPOCH, i) for i in range(args.normalisation)])
     finally:
@@ -189,7 +195,7 @@ def main(argv=None):
                     "position": position, "step": step, "running": running, "history": history})
 
     loader = Loader(args.workers, geometry, mu, sd, corpus_folder, args.seconds, args.seed,
-                    args.noise_only_share)
+                    shares(args))
     try:
         validation = [tensors(b, device) for b in
                       loader.batches([(VALIDATION_EPOCH, i) for i in range(args.validation)], args.batch)]

@@ -1,0 +1,75 @@
+"""Training mixtures declare the bandwidth their target speech really has: the loss leaves out the
+bands above it, so a bandwidth set too high teaches the network to remove a talker's missing
+highs from the noise, and one set too low leaves speech bands untrained."""
+
+import os
+import sys
+import unittest
+
+import numpy as np
+from scipy.signal import butter, sosfiltfilt, welch
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "train"))
+
+import mixing  # noqa: E402
+
+RATE = 32000
+NARROW_SOURCE_HZ = 8000.0
+
+
+class WhiteCorpus:
+    """Stands in for the decoded corpus: flat-spectrum 'speech' of both groups (the 8 kHz group
+    cut at 8 kHz, as its recordings are) and flat noise reaching the Nyquist frequency."""
+
+    def __init__(self, rng):
+        self.rate = RATE
+        cut = butter(16, NARROW_SOURCE_HZ, fs=RATE, output="sos")
+        self.speech, self.speech_items = [], []
+        for group, bandwidth in (("ravdess", RATE / 2), ("so762", NARROW_SOURCE_HZ)):
+            for _ in range(3):
+                audio = rng.standard_normal(RATE)
+                if bandwidth < RATE / 2:
+                    audio = sosfiltfilt(cut, audio)
+                self.speech_items.append({"group": group, "bandwidth": bandwidth, "length": RATE,
+                                          "active": [0, RATE], "index": len(self.speech)})
+                self.speech.append(audio)
+        self.noise = [rng.standard_normal(2 * RATE)]
+        self.noise_items = [{"length": 2 * RATE, "index": 0}]
+
+    def speech_audio(self, item):
+        return self.speech[item["index"]]
+
+    def noise_audio(self, item):
+        return self.noise[item["index"]]
+
+
+def band_density(x, low_hz, high_hz):
+    freqs, power = welch(x, RATE, nperseg=1024)
+    return power[(freqs >= low_hz) & (freqs < high_hz)].mean()
+
+
+class MixtureBandwidthTest(unittest.TestCase):
+    def test_declared_bandwidth_is_where_the_target_speech_ends(self):
+        rng = np.random.default_rng(3)
+        mixer = mixing.Mixer(WhiteCorpus(rng), seconds=1.0)
+        talker_cut_over_wider_noise = 0
+        for _ in range(300):
+            mix = mixer(rng)
+            if mix.kind == "noise":
+                continue
+            bw = mix.bandwidth
+            in_band = band_density(mix.target, 0.25 * bw, 0.5 * bw)
+            # Flat speech through a microphone's shelves and peaks (at most ±16 dB) still fills
+            # its band; a low-pass it went through but the bandwidth ignores does not.
+            self.assertGreater(band_density(mix.target, 0.7 * bw, 0.85 * bw), in_band * 10 ** (-3.5))
+            if bw < 0.75 * RATE / 2:
+                self.assertLess(band_density(mix.target, 1.3 * bw, RATE / 2), in_band * 1e-2)
+                noisy_above = band_density(mix.noisy - mix.target, 1.3 * bw, RATE / 2)
+                if noisy_above > in_band * 1e-3 and bw != NARROW_SOURCE_HZ:
+                    talker_cut_over_wider_noise += 1
+        # Full-band talkers cut to a narrow band, with the noise reaching above the cut.
+        self.assertGreater(talker_cut_over_wider_noise, 5)
+
+
+if __name__ == "__main__":
+    unittest.main()
