@@ -8,8 +8,10 @@ against the peers; this is the trainer's progress check).
 Per input SNR: mean SI-SDR of input and output against the dry speech. Clean-only input: output
 SI-SDR against the input. Noise-only input: reduction in dB. Above 8 kHz: the share of full-band
 (RAVDESS) speech energy the cleaner's mask keeps there, clean and at 5 dB SNR (the bands a model
-trained on 8 kHz speech could wrongly learn to treat as noise). Last, the recurrent state's peak
-over a five-minute stream.
+trained on 8 kHz speech could wrongly learn to treat as noise), and the ΔSI-SDR at 0 dB SNR of
+the same full-band talkers with their speech alone cut just below 8 kHz (a narrow-band talker
+over wider noise, whose missing highs the network must not read as a sign of noise). Last, the
+recurrent state's peak over a five-minute stream.
 """
 
 import argparse
@@ -17,16 +19,19 @@ import sys
 from pathlib import Path
 
 import numpy as np
+from scipy.signal import butter, sosfiltfilt
 
 import network as net
 from corpus import Corpus
 from export import load_checkpoint
-from mixing import FULL_SCALE, active_power
+from mixing import FULL_SCALE, LOW_PASS_ORDER, active_power
 
 nc = net.nc
 SNRS_DB = (-5, 0, 5, 10, 15, 20)
 SPEECH_LEVEL_DBFS = -26.0
 HIGH_BAND_HZ = 8000.0
+# Where the narrow-band talker check cuts full-band speech: just below the 8 kHz speakers' edge.
+NARROW_TALKER_HZ = 7800.0
 STREAM_S = 300.0
 DEFAULT_DATA = Path(__file__).resolve().parent.parent.parent.parent / "shared" / "data"
 # The soft-threshold rule (--tune-threshold): the smallest of these thresholds whose noise-only
@@ -85,6 +90,12 @@ class Bench:
         high = np.arange(self.model.bands.bins) * self.rate / self.model.block >= HIGH_BAND_HZ
         return np.sum((masks ** 2 * power)[:, high]) / np.sum(power[:, high])
 
+    def narrow_talker_gain(self, speech, noise, snr):
+        """ΔSI-SDR of `speech` cut to NARROW_TALKER_HZ, in the uncut `noise` at `snr`."""
+        cut = sosfiltfilt(butter(LOW_PASS_ORDER, NARROW_TALKER_HZ, fs=self.rate, output="sos"), speech)
+        noisy = quantised(cut + noise * np.sqrt(active_power(cut, self.rate) / 10 ** (snr / 10)))
+        return si_sdr(self.cleaned(noisy), cut) - si_sdr(noisy.astype(np.float64), cut)
+
     def state_peak(self, stream):
         """Largest |recurrent state| over a long stream: the hidden layers do not squash, so a
         model whose recurrence were unstable would show it here long before it clips."""
@@ -108,6 +119,9 @@ class Bench:
                                                  si_sdr(out, speech)))
                 if full_band and snr == 5 and self.wide:
                     rows.setdefault("high5", []).append(self.high_band_kept(noisy, speech))
+                if full_band and snr == 0 and self.wide:
+                    rows.setdefault("full0", []).append(rows[snr][-1][1] - rows[snr][-1][0])
+                    rows.setdefault("narrow0", []).append(self.narrow_talker_gain(speech, noise, snr))
                 if snr == 0:
                     stream.append(noisy)
             clean_in = quantised(speech)
@@ -141,6 +155,8 @@ def report(rows):
     if "high5" in rows:
         lines.append("full-band speech energy above 8 kHz kept by the mask: clean %.1f %%, at 5 dB SNR %.1f %%"
                      % (100 * np.mean(rows["high_clean"]), 100 * np.mean(rows["high5"])))
+        lines.append("full-band talkers at 0 dB SNR: ΔSI-SDR %+.2f dB; their speech alone cut at %.1f kHz: %+.2f dB"
+                     % (np.mean(rows["full0"]), NARROW_TALKER_HZ / 1000, np.mean(rows["narrow0"])))
     lines.append("recurrent state over a %.0f s stream at 0 dB SNR: max |s| = %.2f" % rows["stream"])
     return "\n".join(lines)
 
