@@ -83,7 +83,7 @@ GEOMETRIES = {
                                     ("RM_THRESHOLD", (sw.FLOAT, 0.4)))),
     32000: Geometry(32000, compress_rate=4, hidden=(128, 128),
                     tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
-                                    ("RM_THRESHOLD", (sw.FLOAT, 0.4)))),
+                                    ("RM_THRESHOLD", (sw.FLOAT, 0.2)))),
 }
 
 # Post-processing the models are trained for: the library's defaults (mask squared, nothing else)
