@@ -81,9 +81,8 @@ GEOMETRIES = {
     16000: Geometry(16000, compress_rate=3, hidden=(96, 96),
                     tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
                                     ("RM_THRESHOLD", (sw.FLOAT, 0.4)))),
-    32000: Geometry(32000, compress_rate=4, hidden=(128, 128),
-                    tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
-                                    ("RM_THRESHOLD", (sw.FLOAT, 0.2)))),
+    # The wide 32 kHz network clears the noise-only rule without a soft threshold.
+    32000: Geometry(32000, compress_rate=4, hidden=(128, 128)),
 }
 
 # Post-processing the models are trained for: the library's defaults (mask squared, nothing else)
