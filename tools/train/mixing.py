@@ -50,9 +50,10 @@ BAND_LIMITS_HZ = (3800.0, 5500.0, 7000.0, 8000.0, 11000.0, 12000.0)
 LOW_PASS_ORDER = 12
 # A talker whose own recording chain is narrower than the noise around it (the 8 kHz half of the
 # corpus over full-band noise is one such case). Taught only by the 8 kHz speakers, a network
-# ties "no speech above 8 kHz" to their voices: full-band holdout talkers cut at 7.8 kHz, over the
-# same noise, lost 3 dB of SI-SDR improvement at -5 dB SNR. So part of the full-band speech is cut
-# too, at one of the narrow-band limits, before the noise is added (`--narrow-talker-share`).
+# ties "no speech above 8 kHz" to their voices: full-band talkers cut at 7.8 kHz, over the same
+# noise, lost 3 dB of SI-SDR improvement at -5 dB SNR on training mixtures. So part of the
+# full-band speech is cut too, at one of the narrow-band limits, before the noise is added
+# (`--narrow-talker-share`).
 P_NARROW_TALKER = 0.3
 
 
