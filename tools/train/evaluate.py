@@ -19,12 +19,12 @@ import sys
 from pathlib import Path
 
 import numpy as np
-from scipy.signal import butter, sosfiltfilt
+from scipy.signal import sosfiltfilt
 
 import network as net
 from corpus import Corpus
 from export import load_checkpoint
-from mixing import FULL_SCALE, LOW_PASS_ORDER, active_power
+from mixing import FULL_SCALE, active_power, low_pass
 
 nc = net.nc
 SNRS_DB = (-5, 0, 5, 10, 15, 20)
@@ -90,11 +90,11 @@ class Bench:
         high = np.arange(self.model.bands.bins) * self.rate / self.model.block >= HIGH_BAND_HZ
         return np.sum((masks ** 2 * power)[:, high]) / np.sum(power[:, high])
 
-    def narrow_talker_gain(self, speech, noise, snr):
-        """ΔSI-SDR of `speech` cut to NARROW_TALKER_HZ, in the uncut `noise` at `snr`."""
-        cut = sosfiltfilt(butter(LOW_PASS_ORDER, NARROW_TALKER_HZ, fs=self.rate, output="sos"), speech)
-        noisy = quantised(cut + noise * np.sqrt(active_power(cut, self.rate) / 10 ** (snr / 10)))
-        return si_sdr(self.cleaned(noisy), cut) - si_sdr(noisy.astype(np.float64), cut)
+    def scored(self, speech, noise, snr):
+        """`speech` in `noise` at `snr` (16-bit input), and the SI-SDR of that input and of its
+        cleaned output against `speech`."""
+        noisy = quantised(speech + noise * np.sqrt(active_power(speech, self.rate) / 10 ** (snr / 10)))
+        return noisy, (si_sdr(noisy.astype(np.float64), speech), si_sdr(self.cleaned(noisy), speech))
 
     def state_peak(self, stream):
         """Largest |recurrent state| over a long stream: the hidden layers do not squash, so a
@@ -111,17 +111,16 @@ class Bench:
         rows = {}
         stream = []
         for full_band, speech, noise in self.pairs:
-            speech_power = active_power(speech, self.rate)
             for snr in SNRS_DB:
-                noisy = quantised(speech + noise * np.sqrt(speech_power / 10 ** (snr / 10)))
-                out = self.cleaned(noisy)
-                rows.setdefault(snr, []).append((si_sdr(noisy.astype(np.float64), speech),
-                                                 si_sdr(out, speech)))
+                noisy, scores = self.scored(speech, noise, snr)
+                rows.setdefault(snr, []).append(scores)
                 if full_band and snr == 5 and self.wide:
                     rows.setdefault("high5", []).append(self.high_band_kept(noisy, speech))
                 if full_band and snr == 0 and self.wide:
-                    rows.setdefault("full0", []).append(rows[snr][-1][1] - rows[snr][-1][0])
-                    rows.setdefault("narrow0", []).append(self.narrow_talker_gain(speech, noise, snr))
+                    rows.setdefault("full0", []).append(scores[1] - scores[0])
+                    cut = sosfiltfilt(low_pass(NARROW_TALKER_HZ, self.rate), speech)
+                    cut_in, cut_out = self.scored(cut, noise, snr)[1]
+                    rows.setdefault("narrow0", []).append(cut_out - cut_in)
                 if snr == 0:
                     stream.append(noisy)
             clean_in = quantised(speech)

@@ -57,6 +57,11 @@ LOW_PASS_ORDER = 12
 P_NARROW_TALKER = 0.3
 
 
+def low_pass(cutoff_hz, rate):
+    """The band-limiting filter of mixtures, as second-order sections."""
+    return butter(LOW_PASS_ORDER, cutoff_hz, "lowpass", fs=rate, output="sos")
+
+
 @dataclass
 class Mixture:
     noisy: np.ndarray    # float32, 16-bit units, rounded to integers as a 16-bit input is
@@ -209,7 +214,7 @@ class Mixer:
             # Without the share no number is drawn, so runs from before it see the same mixtures.
             if self.narrow_talker and bandwidth == rate / 2 and narrow and rng.random() < self.narrow_talker:
                 bandwidth = rng.choice(narrow)
-                wet = sosfilt(butter(LOW_PASS_ORDER, bandwidth, "lowpass", fs=rate, output="sos"), wet)
+                wet = sosfilt(low_pass(bandwidth, rate), wet)
             target = wet
             if rng.random() < P_REVERB:
                 response, early = room(rng, rate)
@@ -225,8 +230,7 @@ class Mixer:
                   else rng.uniform(*HOST_CUTOFF) * rate / 2 if draw < P_BAND_LIMIT + P_HOST_RESAMPLER
                   else None)
         if cutoff is not None:
-            low_pass = butter(LOW_PASS_ORDER, cutoff, "lowpass", fs=rate, output="sos")
-            sections = np.concatenate([sections, low_pass])
+            sections = np.concatenate([sections, low_pass(cutoff, rate)])
             bandwidth = min(bandwidth, cutoff)
         wet, target, noise = (sosfilt(sections, x) for x in (wet, target, noise))
 
