@@ -36,8 +36,9 @@ class TrainingExportTest(unittest.TestCase):
         import network as net
 
         cases = [net.GEOMETRIES[16000],
-                 # Layers of different widths catch a transposed or misplaced matrix.
-                 net.Geometry(32000, compress_rate=4, hidden=(8, 6, 5))]
+                 # Layers of different widths catch a transposed or misplaced matrix; a context
+                 # longer than the default, features taken from the wrong block.
+                 net.Geometry(32000, compress_rate=4, hidden=(8, 6, 5), preview_frames=4)]
         for geometry in cases:
             with self.subTest(rate=geometry.rate, hidden=geometry.hidden), \
                     tempfile.TemporaryDirectory() as folder:
@@ -52,13 +53,15 @@ class TrainingExportTest(unittest.TestCase):
                 bands = geometry.bands().count
                 mu = rng.normal(8.0, 2.0, bands).astype(np.float32)
                 sd = rng.uniform(1.0, 3.0, bands).astype(np.float32)
-                # Through a checkpoint, as export.py reads it: a run's own hidden sizes replace
-                # its rate's.
+                # Through a checkpoint, as export.py reads it: a run's own hidden sizes and
+                # context replace its rate's.
                 checkpoint = os.path.join(folder, "checkpoint.pt")
-                torch.save({"args": {"rate": geometry.rate, "hidden": list(geometry.hidden)},
+                torch.save({"args": {"rate": geometry.rate, "hidden": list(geometry.hidden),
+                                     "preview_frames": geometry.preview_frames},
                             "network": model.state_dict(), "mu": mu, "sd": sd}, checkpoint)
                 read_geometry, model, mu, sd = export.load_checkpoint(checkpoint)
                 self.assertEqual(read_geometry.hidden, geometry.hidden)
+                self.assertEqual(read_geometry.preview_frames, geometry.preview_frames)
                 self.assertEqual(read_geometry.tuned_controls, net.GEOMETRIES[geometry.rate].tuned_controls)
                 loaded = export.write_model(os.path.join(folder, "m.vlw"), geometry, model, mu, sd, "test")
 

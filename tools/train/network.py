@@ -70,10 +70,15 @@ class Geometry:
 
 
 def geometry_of(args):
-    """The geometry a run trains: its rate's, with the hidden sizes the run chose (if any)."""
+    """The geometry a run trains: its rate's, with the hidden sizes and feature context the run
+    chose (if any)."""
     geometry = GEOMETRIES[args["rate"]]
-    hidden = args.get("hidden")
-    return dataclasses.replace(geometry, hidden=tuple(hidden)) if hidden else geometry
+    hidden, preview = args.get("hidden"), args.get("preview_frames")
+    if hidden:
+        geometry = dataclasses.replace(geometry, hidden=tuple(hidden))
+    if preview is not None:
+        geometry = dataclasses.replace(geometry, preview_frames=preview)
+    return geometry
 
 
 GEOMETRIES = {

@@ -54,6 +54,8 @@ def parse_args(argv):
     p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
     p.add_argument("--hidden", type=lambda s: [int(h) for h in s.split(",")],
                    help="hidden layer sizes, e.g. 192,192 (default by rate; network.py)")
+    p.add_argument("--preview-frames", type=int,
+                   help="past blocks the network sees beside the current one (default by rate)")
     p.add_argument("--epochs", type=int, help="length of the schedule (default by rate)")
     p.add_argument("--examples", type=int, help="mixtures per epoch (default by rate)")
     p.add_argument("--batch", type=int, default=16, help="mixtures per batch")
@@ -88,9 +90,9 @@ def parse_args(argv):
 
 
 # Settings that must not change when a run is resumed.
-FIXED = ("rate", "hidden", "noise_only_share", "batch", "seconds", "chunk", "seed", "examples",
-         "validation", "normalisation")
-FIXED_BEFORE = {"hidden": None, "noise_only_share": P_NOISE_ONLY}
+FIXED = ("rate", "hidden", "preview_frames", "noise_only_share", "batch", "seconds", "chunk", "seed",
+         "examples", "validation", "normalisation")
+FIXED_BEFORE = {"hidden": None, "preview_frames": None, "noise_only_share": P_NOISE_ONLY}
 
 
 def loss_terms(gains, target, valid, energy, attenuation_weight, energy_weight):
