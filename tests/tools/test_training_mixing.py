@@ -70,6 +70,24 @@ class MixtureBandwidthTest(unittest.TestCase):
         # Full-band talkers cut to a narrow band, with the noise reaching above the cut.
         self.assertGreater(talker_cut_over_wider_noise, 5)
 
+    def test_speed_perturbation_moves_the_band_edge_with_the_voice(self):
+        rng = np.random.default_rng(5)
+        mixer = mixing.Mixer(WhiteCorpus(rng), seconds=1.0, speed=0.1)
+        declared, narrow = [], []
+        for _ in range(40):
+            speech, bandwidth = mixer._speech(rng)
+            declared.append(bandwidth)
+            # The 8 kHz talkers' steep edge; a full-band one's is only the resampler's roll-off.
+            if bandwidth < 0.75 * RATE / 2:
+                narrow.append(bandwidth)
+                freqs, power = welch(speech, RATE, nperseg=1024)
+                in_band = power[(freqs > 0.25 * bandwidth) & (freqs < 0.5 * bandwidth)].mean()
+                edge = freqs[power > 0.1 * in_band].max()
+                self.assertLess(abs(edge - bandwidth), 0.04 * bandwidth, (edge, bandwidth))
+        self.assertLess(min(narrow), 0.95 * NARROW_SOURCE_HZ)
+        self.assertGreater(max(narrow), 1.05 * NARROW_SOURCE_HZ)
+        self.assertLess(min(declared), 0.95 * RATE / 2)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -6,7 +6,7 @@ a mixture is fixed by its seed."""
 from dataclasses import dataclass
 
 import numpy as np
-from scipy.signal import butter, fftconvolve, lfilter, sosfilt
+from scipy.signal import butter, fftconvolve, lfilter, resample_poly, sosfilt
 
 from corpus import ACTIVITY_RANGE_DB
 
@@ -55,6 +55,11 @@ LOW_PASS_ORDER = 12
 # full-band speech is cut too, at one of the narrow-band limits, before the noise is added
 # (`--narrow-talker-share`).
 P_NARROW_TALKER = 0.3
+# Speed perturbation (`--speed-perturbation D`): each mixture's speech is resampled by one factor
+# drawn from 1 ± D, which moves pitch, formants and tempo together. The corpus has 14 full-band
+# and 200 narrow-band voices; shifted copies of them stand in for talkers it lacks. Sped-up
+# speech reaches higher and slowed speech ends lower, so the mixture's bandwidth moves with it.
+SPEED_STEPS = 100
 
 
 def low_pass(cutoff_hz, rate):
@@ -159,8 +164,10 @@ def looped(audio, n, start, fade):
 
 
 class Mixer:
-    def __init__(self, corpus, seconds, noise_only=P_NOISE_ONLY, narrow_talker=P_NARROW_TALKER):
+    def __init__(self, corpus, seconds, noise_only=P_NOISE_ONLY, narrow_talker=P_NARROW_TALKER,
+                 speed=0.0):
         self.corpus, self.noise_only, self.narrow_talker = corpus, noise_only, narrow_talker
+        self.speed = speed
         self.rate = corpus.rate
         self.length = int(seconds * self.rate)
         self.groups = {}
@@ -170,6 +177,12 @@ class Mixer:
     def _speech(self, rng):
         group = "ravdess" if rng.random() < P_FULL_BAND_SPEECH else "so762"
         items, n, rate = self.groups[group], self.length, self.rate
+        # Played back faster by steps/SPEED_STEPS; without perturbation no number is drawn, so
+        # runs from before it see the same mixtures.
+        steps = SPEED_STEPS
+        if self.speed:
+            steps = int(rng.integers(round(SPEED_STEPS * (1 - self.speed)),
+                                     round(SPEED_STEPS * (1 + self.speed)) + 1))
         out = np.zeros(n)
         # Half the mixtures start in the middle of an utterance, as a stream joined late does.
         position = -int(rng.integers(0, n // 4)) if rng.random() < 0.5 else int(rng.integers(0, rate // 2))
@@ -179,11 +192,13 @@ class Mixer:
             start = max(0, item["active"][0] - int(rng.uniform(*MARGIN_S) * rate))
             end = min(item["length"], item["active"][1] + int(rng.uniform(*MARGIN_S) * rate))
             piece = audio[start:end] * 10 ** (rng.uniform(-UTTERANCE_GAIN_DB, UTTERANCE_GAIN_DB) / 20)
+            if steps != SPEED_STEPS:
+                piece = resample_poly(piece, SPEED_STEPS, steps)
             first, last = max(position, 0), min(position + piece.size, n)
             if last > first:
                 out[first:last] = piece[first - position:last - position]
             position += piece.size + int(rng.uniform(*GAP_S) * rate)
-        return out, items[0]["bandwidth"]
+        return out, min(items[0]["bandwidth"] * steps / SPEED_STEPS, rate / 2)
 
     def _one_noise(self, rng):
         items = self.corpus.noise_items
@@ -212,7 +227,7 @@ class Mixer:
         if kind != "noise":
             wet, bandwidth = self._speech(rng)
             # Without the share no number is drawn, so runs from before it see the same mixtures.
-            if self.narrow_talker and bandwidth == rate / 2 and narrow and rng.random() < self.narrow_talker:
+            if self.narrow_talker and narrow and bandwidth > max(narrow) and rng.random() < self.narrow_talker:
                 bandwidth = rng.choice(narrow)
                 wet = sosfilt(low_pass(bandwidth, rate), wet)
             target = wet

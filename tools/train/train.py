@@ -64,6 +64,8 @@ def parse_args(argv):
                    help="share of mixtures without speech")
     p.add_argument("--narrow-talker-share", type=float, default=P_NARROW_TALKER,
                    help="share of full-band talkers cut to a narrow band under wider noise")
+    p.add_argument("--speed-perturbation", type=float, default=0.0,
+                   help="speech resampled by a factor drawn from 1 +- this (more voices)")
     p.add_argument("--chunk", type=float, default=2.5, help="seconds per truncated-BPTT step")
     p.add_argument("--lr", type=float, default=1e-3)
     p.add_argument("--attenuation-weight", type=float, default=ATTENUATION_WEIGHT,
@@ -124,7 +126,8 @@ def tensors(batch, device):
 
 
 def shares(args):
-    return {"noise_only": args.noise_only_share, "narrow_talker": args.narrow_talker_share}
+    return {"noise_only": args.noise_only_share, "narrow_talker": args.narrow_talker_share,
+            "speed": args.speed_perturbation}
 
 
 def evaluate(model, batches, args):
