@@ -16,7 +16,7 @@ using SONEL::CONTAINERS::Matrix;
 // One recurrent-layer product: input = context frames × bands of features plus the hidden state.
 constexpr unsigned kContextFrames = 3;
 constexpr unsigned kBands16k = 50;
-constexpr unsigned kHidden16k = 96;
+constexpr unsigned kHidden16k = 192;
 constexpr unsigned kBands32k = 60;
 constexpr unsigned kHidden32k = 256;
 

@@ -20,7 +20,7 @@ sonel_test::CleanerModelSpec shippedSize(unsigned rate) {
     spec.rate = rate;
     spec.compressRate = rate == 32000 ? 4 : 3;
     spec.previewFrames = 2;
-    spec.hidden = rate == 32000 ? 256 : 96;
+    spec.hidden = rate == 32000 ? 256 : 192;
     spec.layers = 2;
     spec.weightScale = 1.0f;
     spec.outputBias = 0.0f;

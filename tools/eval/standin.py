@@ -1,6 +1,6 @@
 """Untrained stand-in for the Sonel model, so the harness runs end to end before a trained model
 exists: a random v0.0.5 network of the shipped geometry (bins 1 ... N/2; compress rate 4 and 256
-hidden units at 32 kHz, 3 and 96 at 16 kHz; two past frames; two hidden layers), calibrated by
+hidden units at 32 kHz, 3 and 192 at 16 kHz; two past frames; two hidden layers), calibrated by
 the parity-case generator so its gains spread over (0, 1). It removes no noise on purpose; its
 scores only show that the pipeline works, and its cost matches a shipped model's.
 """
@@ -15,7 +15,7 @@ import make_parity_case as parity  # noqa: E402
 
 SEED = 5
 MODEL_NAME_PREFIX = "untrained-stand-in"
-GEOMETRY = {32000: (4, 256), 16000: (3, 96)}  # rate: (compress rate, hidden units)
+GEOMETRY = {32000: (4, 256), 16000: (3, 192)}  # rate: (compress rate, hidden units)
 LAYERS = 2
 
 

@@ -83,10 +83,9 @@ def geometry_of(args):
 
 GEOMETRIES = {
     8000: Geometry(8000, compress_rate=2, hidden=(64, 64)),
-    16000: Geometry(16000, compress_rate=3, hidden=(96, 96),
-                    tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
-                                    ("RM_THRESHOLD", (sw.FLOAT, 0.4)))),
-    # The wide 32 kHz network clears the noise-only rule without a soft threshold.
+    # The wide networks the models ship with (`--hidden`) clear the noise-only rule without a
+    # soft threshold.
+    16000: Geometry(16000, compress_rate=3, hidden=(96, 96)),
     32000: Geometry(32000, compress_rate=4, hidden=(128, 128)),
 }
 

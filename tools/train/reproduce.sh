@@ -26,10 +26,9 @@ if [ "$rate" = 32000 ]; then
     train --hidden 256,256 --energy-weight 1
     train --hidden 256,256 --energy-weight 1 --epochs 70
 else
-    train --narrow-talker-share 0
-    # Then two epochs with the loss weighted by band energy, on a curve stretched to 56 epochs:
-    # the shipped 16 kHz network is that of epoch 52.
-    train --narrow-talker-share 0 --energy-weight 1 --epochs 56 --until-epoch 52
+    # The shipped 16 kHz network: 192 units a layer, the energy weight and narrow-band talkers
+    # from the start, the default 50 epochs.
+    train --hidden 192,192 --energy-weight 1
 fi
 /usr/bin/python3 "$here/export.py" --checkpoint "$state/checkpoint.pt" \
     --out "$models/$name.vlw" --out "$models/$name.sw" --build-dir "$build"
