@@ -1,6 +1,7 @@
 """The exported model, run by the NumPy reference network, gives the band gains the PyTorch module
 gave on the same features (so what was trained is what the cleaner runs)."""
 
+import dataclasses
 import os
 import sys
 import tempfile
@@ -35,7 +36,9 @@ class TrainingExportTest(unittest.TestCase):
         import export
         import network as net
 
-        cases = [net.GEOMETRIES[16000],
+        # A soft threshold picked by the rule goes into the geometry and from there into the file.
+        tuned = (("ENABLE_RM_THRESHOLD", (net.sw.STRING, "t")), ("RM_THRESHOLD", (net.sw.FLOAT, 0.3)))
+        cases = [dataclasses.replace(net.GEOMETRIES[16000], tuned_controls=tuned),
                  # Layers of different widths catch a transposed or misplaced matrix; a context
                  # longer than the default, features taken from the wrong block.
                  net.Geometry(32000, compress_rate=4, hidden=(8, 6, 5), preview_frames=4)]
@@ -62,8 +65,11 @@ class TrainingExportTest(unittest.TestCase):
                 read_geometry, model, mu, sd = export.load_checkpoint(checkpoint)
                 self.assertEqual(read_geometry.hidden, geometry.hidden)
                 self.assertEqual(read_geometry.preview_frames, geometry.preview_frames)
-                self.assertEqual(read_geometry.tuned_controls, net.GEOMETRIES[geometry.rate].tuned_controls)
                 loaded = export.write_model(os.path.join(folder, "m.vlw"), geometry, model, mu, sd, "test")
+                controls = dict(geometry.tuned_controls)
+                self.assertEqual(loaded.post.rm_threshold_enabled, "ENABLE_RM_THRESHOLD" in controls)
+                if controls:
+                    self.assertAlmostEqual(loaded.post.rm_threshold, controls["RM_THRESHOLD"][1], places=6)
 
                 feats = net.nc.FrontEnd(loaded).signal_features(speech_like(geometry.rate, rng))
                 self.assertTrue(0 < feats.analysed.sum() < feats.analysed.size)
