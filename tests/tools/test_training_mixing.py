@@ -89,5 +89,34 @@ class MixtureBandwidthTest(unittest.TestCase):
         self.assertLess(min(declared), 0.95 * RATE / 2)
 
 
+class NoiseVariationTest(unittest.TestCase):
+    def test_varied_noise_moves_in_pitch_and_fills_the_mixture(self):
+        rng = np.random.default_rng(9)
+        corpus = WhiteCorpus(rng)
+        tone_hz = 1000.0
+        corpus.noise = [np.sin(2 * np.pi * tone_hz * np.arange(2 * RATE) / RATE)]
+        low, high = (s / mixing.SPEED_STEPS for s in mixing.NOISE_SPEED_STEPS)
+
+        def peaks(variation):
+            mixer = mixing.Mixer(corpus, seconds=3.0, noise_variation=variation)
+            found = []
+            for _ in range(30):
+                noise = mixer._one_noise(rng)
+                self.assertEqual(noise.size, mixer.length)
+                # Played from a source long enough for the whole mixture: no silent tail.
+                tail = noise[-RATE // 10:]
+                self.assertAlmostEqual(np.sqrt(np.mean(tail ** 2)), 1.0, delta=0.5)
+                freqs, power = welch(noise, RATE, nperseg=8192)
+                found.append(freqs[np.argmax(power)])
+            return np.array(found)
+
+        plain = peaks(0.0)
+        np.testing.assert_allclose(plain, tone_hz, atol=RATE / 8192)
+        varied = peaks(1.0)
+        self.assertTrue(np.all((varied > low * tone_hz - 8) & (varied < high * tone_hz + 8)), varied)
+        self.assertLess(varied.min(), 0.9 * tone_hz)
+        self.assertGreater(varied.max(), 1.1 * tone_hz)
+
+
 if __name__ == "__main__":
     unittest.main()

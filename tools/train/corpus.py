@@ -6,6 +6,7 @@ speechocean762 files were recorded at 16 kHz and hold nothing above 8 kHz althou
 container runs at 48 kHz.
 """
 
+import copy
 import json
 import math
 import os
@@ -67,6 +68,15 @@ class Corpus:
 
     def noise_audio(self, item):
         return self.noise[item["offset"]:item["offset"] + item["length"]]
+
+    def with_noise_of(self, other):
+        """This corpus's speech over `other`'s noise (same rate): splits speech generalisation
+        from noise generalisation."""
+        if other.rate != self.rate:
+            raise ValueError("noise at %d Hz for speech at %d Hz" % (other.rate, self.rate))
+        mixed = copy.copy(self)
+        mixed.noise_items, mixed.noise = other.noise_items, other.noise
+        return mixed
 
     @classmethod
     def load_or_build(cls, data_dir, split, rate, cache_dir, workers=1):

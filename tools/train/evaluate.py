@@ -202,6 +202,8 @@ def main(argv=None):
     p.add_argument("--data", default=str(DEFAULT_DATA), help="corpus root holding holdout/")
     p.add_argument("--split", default="holdout", choices=("holdout", "train"),
                    help="train: tune post-processing without looking at the holdout speakers")
+    p.add_argument("--noise-split", choices=("holdout", "train"),
+                   help="take the noise from this split instead (default: --split's)")
     p.add_argument("--control", action="append", default=[], metavar="X=VALUE",
                    help="post-processing value to try, e.g. RM_THRESHOLD=0.2 or ENABLE_RM_THRESHOLD=t")
     p.add_argument("--tune-threshold", action="store_true",
@@ -210,8 +212,8 @@ def main(argv=None):
     p.add_argument("--count", type=int, default=24, help="speech files (half full band, half 8 kHz)")
     p.add_argument("--seed", type=int, default=7)
     args = p.parse_args(argv)
-    if args.tune_threshold and args.split != "train":
-        p.error("--tune-threshold chooses post-processing: it needs --split train")
+    if args.tune_threshold and "holdout" in (args.split, args.noise_split):
+        p.error("--tune-threshold chooses post-processing: it needs --split train and training noise")
     if args.model:
         records = net.sw.read_file(args.model)
     else:
@@ -219,6 +221,8 @@ def main(argv=None):
         records = net.model_records(geometry, network, mu, sd, "checkpoint", timestamp="checkpoint")
     model = nc.Model(with_controls(records, args.control))
     corpus = Corpus.load_or_build(args.data, args.split, model.rate, args.cache_dir)
+    if args.noise_split and args.noise_split != args.split:
+        corpus = corpus.with_noise_of(Corpus.load_or_build(args.data, args.noise_split, model.rate, args.cache_dir))
     bench = Bench(model, corpus, args.count, args.seed)
     if args.tune_threshold:
         return 0 if tune_threshold(bench, records) is not None else 1

@@ -66,6 +66,8 @@ def parse_args(argv):
                    help="share of full-band talkers cut to a narrow band under wider noise")
     p.add_argument("--speed-perturbation", type=float, default=0.0,
                    help="speech resampled by a factor drawn from 1 +- this (more voices)")
+    p.add_argument("--noise-variation", type=float, default=0.0,
+                   help="share of noise recordings played at another speed and coloured (more noises)")
     p.add_argument("--chunk", type=float, default=2.5, help="seconds per truncated-BPTT step")
     p.add_argument("--lr", type=float, default=1e-3)
     p.add_argument("--attenuation-weight", type=float, default=ATTENUATION_WEIGHT,
@@ -127,7 +129,7 @@ def tensors(batch, device):
 
 def shares(args):
     return {"noise_only": args.noise_only_share, "narrow_talker": args.narrow_talker_share,
-            "speed": args.speed_perturbation}
+            "speed": args.speed_perturbation, "noise_variation": args.noise_variation}
 
 
 def evaluate(model, batches, args):
