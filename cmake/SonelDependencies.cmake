@@ -1,18 +1,21 @@
 # Locates the installed numeric and audio libraries and wraps each in an imported target so the
 # rest of the build names Sonel::Blas, Sonel::KissFft and Sonel::Resample only.
 
-# BLAS: the library must start no threads, so on Linux the serial OpenBLAS build is linked by its
-# own path (Debian installs it beside the threaded variants); on macOS Accelerate is the BLAS.
+# BLAS: the library must start no threads, and sessions run on as many caller threads as the
+# host has streams, so the BLAS must be both serial and reentrant. On Linux that is the serial
+# BLIS build, linked by its own path (Debian installs it beside the threaded variants). The serial
+# OpenBLAS build is not reentrant: eight threads calling sgemv on separate data got wrong results
+# (docs/reliability.md). On macOS Accelerate is the BLAS.
 if(APPLE)
   find_library(SONEL_BLAS_LIBRARY Accelerate REQUIRED)
   set(SONEL_CBLAS_INCLUDE "")
 else()
-  find_library(SONEL_BLAS_LIBRARY NAMES openblas
-    PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/openblas-serial NO_DEFAULT_PATH)
+  find_library(SONEL_BLAS_LIBRARY NAMES blis
+    PATHS /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/blis-serial NO_DEFAULT_PATH)
   find_path(SONEL_CBLAS_INCLUDE cblas.h
-    PATHS /usr/include/${CMAKE_LIBRARY_ARCHITECTURE}/openblas-serial NO_DEFAULT_PATH)
+    PATHS /usr/include/${CMAKE_LIBRARY_ARCHITECTURE}/blis-serial NO_DEFAULT_PATH)
   if(NOT SONEL_BLAS_LIBRARY OR NOT SONEL_CBLAS_INCLUDE)
-    message(FATAL_ERROR "Serial OpenBLAS not found: install libopenblas-serial-dev")
+    message(FATAL_ERROR "Serial BLIS not found: install libblis-serial-dev")
   endif()
 endif()
 add_library(Sonel::Blas INTERFACE IMPORTED)

@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(
   build-essential cmake pkg-config git
-  libopenblas-serial-dev libkissfft-dev libresample1-dev libsndfile1-dev
+  libblis-serial-dev libkissfft-dev libresample1-dev libsndfile1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-numpy python3-scipy python3-soundfile
   # Evaluation harness (tools/eval): the peers, plots, and Node.js for RNNoise's WebAssembly build.

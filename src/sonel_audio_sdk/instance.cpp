@@ -263,8 +263,10 @@ SonelAudioSessionT* SonelAudioInstanceT::createSession(SonelAudioSamplingRate in
                                                        const char* modelName,
                                                        SonelAudioSessionType type) {
     std::lock_guard<std::mutex> lock(mutexForInputs_);
-    sessions_.push_back(std::make_unique<SonelAudioSessionT>(inRate, outRate, duration, modelName, type));
-    return sessions_.back().get();
+    auto session = std::make_unique<SonelAudioSessionT>(inRate, outRate, duration, modelName, type);
+    SonelAudioSessionT* handle = session.get();
+    sessions_.insert(std::move(session));
+    return handle;
 }
 
 SonelAudioSessionT* SonelAudioInstanceT::createNCSession(SonelAudioSamplingRate inRate,
@@ -300,10 +302,7 @@ SonelAudioSessionT* SonelAudioInstanceT::createNoiseDBSession(SonelAudioSampling
 }
 
 bool SonelAudioInstanceT::isSessionTrue(SonelAudioSessionT* session) const {
-    if (!session) return false;
-    for (const auto& live : sessions_)
-        if (live.get() == session) return true;
-    return false;
+    return sessions_.contains(session);
 }
 
 int32_t SonelAudioInstanceT::getSessionType(SonelAudioSessionT* session) const {
@@ -312,12 +311,7 @@ int32_t SonelAudioInstanceT::getSessionType(SonelAudioSessionT* session) const {
 
 bool SonelAudioInstanceT::destroySession(SonelAudioSessionT* session) {
     std::lock_guard<std::mutex> lock(mutexForInputs_);
-    for (auto it = sessions_.begin(); it != sessions_.end(); ++it) {
-        if (it->get() == session) {
-            sessions_.erase(it);
-            return true;
-        }
-    }
+    if (sessions_.erase(session)) return true;
     say("WARNING SESSION ISN'T FOUND");
     return false;
 }

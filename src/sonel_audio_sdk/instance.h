@@ -2,7 +2,6 @@
 // The process-wide, reference-counted instance behind the C interface: the loaded models, a cache
 // of weights already read, and the table of live sessions.
 #include <cstdint>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -11,6 +10,7 @@
 
 #include "sonel-audio-sdk.h"
 #include "sonel_audio_sdk/session.h"
+#include "sonel_audio_sdk/session_table.h"
 #include "utils/export.h"
 #include "weights/model.h"
 
@@ -61,6 +61,7 @@ public:
     SonelAudioSessionT* createNoiseDBSession(SonelAudioSamplingRate rate,
                                              SonelAudioFrameDuration duration, const char* modelName);
 
+    // Lock-free, and safe while other threads create and close their own sessions.
     bool isSessionTrue(SonelAudioSessionT* session) const;
     // The session's type, or 0 when the pointer is null or not a live session.
     int32_t getSessionType(SonelAudioSessionT* session) const;
@@ -79,7 +80,7 @@ private:
 
     SonelAudioVersionInfo version_{};
     std::wstring workingFolder_;
-    std::list<std::unique_ptr<SonelAudioSessionT>> sessions_;
+    SessionTable sessions_;
     std::map<std::string, WEIGHTS::ModelPtr> models_;
     std::map<std::string, std::shared_ptr<WEIGHTS::Weight>> weightCache_;
     std::map<std::string, uint32_t> weightUseCounts_;
