@@ -34,7 +34,7 @@ class WhiteCorpus:
                                           "active": [0, RATE], "index": len(self.speech)})
                 self.speech.append(audio)
         self.noise = [rng.standard_normal(2 * RATE)]
-        self.noise_items = [{"length": 2 * RATE, "index": 0}]
+        self.noise_items = [{"name": "white_00.flac", "length": 2 * RATE, "index": 0}]
 
     def speech_audio(self, item):
         return self.speech[item["index"]]
@@ -116,6 +116,54 @@ class NoiseVariationTest(unittest.TestCase):
         self.assertTrue(np.all((varied > low * tone_hz - 8) & (varied < high * tone_hz + 8)), varied)
         self.assertLess(varied.min(), 0.9 * tone_hz)
         self.assertGreater(varied.max(), 1.1 * tone_hz)
+
+
+class NoiseDrawTest(unittest.TestCase):
+    def test_music_share_length_weighting_and_scattered_events(self):
+        rng = np.random.default_rng(11)
+        corpus = WhiteCorpus(rng)
+        click = np.hanning(RATE // 10)
+        corpus.noise = [rng.standard_normal(20 * RATE), rng.standard_normal(60 * RATE)] + [click] * 10
+        corpus.noise_items = ([{"name": "amb_a.flac", "length": 20 * RATE, "index": 0},
+                               {"name": "music_b.flac", "length": 60 * RATE, "index": 1, "music": True}]
+                              + [{"name": "buckle_%d.flac" % i, "length": click.size, "index": 2 + i}
+                                 for i in range(10)])
+        mixer = mixing.Mixer(corpus, seconds=4.0, music=0.2)
+        draws = np.searchsorted(mixer.noise_draw, rng.random(20000) * mixer.noise_draw[-1], side="right")
+        # Music held to its share whatever its length; the rest in proportion to length, so ten
+        # 0.1 s clicks together weigh 1 s against the ambience's 20 s.
+        self.assertAlmostEqual(np.mean(draws == 1), 0.2, delta=0.015)
+        self.assertAlmostEqual(np.mean(draws >= 2), 0.8 * 1.0 / 21.0, delta=0.01)
+        # A click family is scattered at random times, leaving silence between, not looped into
+        # a steady tick.
+        corpus.noise_items = corpus.noise_items[2:]
+        mixer = mixing.Mixer(corpus, seconds=4.0)
+        for _ in range(10):
+            noise = mixer._one_noise(rng)
+            self.assertEqual(noise.size, mixer.length)
+            self.assertGreater(np.mean(np.abs(noise) < 1e-9), 0.3)
+            self.assertAlmostEqual(np.mean(noise ** 2), 1.0, delta=1e-6)
+
+
+class InputDamageTest(unittest.TestCase):
+    def test_codec_cuts_its_band_and_clipping_stops_at_full_scale(self):
+        rng = np.random.default_rng(13)
+        x = rng.standard_normal(4 * RATE)
+        y, cutoff = mixing.coded(rng, x, RATE)
+        self.assertEqual(y.size, x.size)
+        self.assertLess(band_density(y, cutoff + 500, RATE / 2), 1e-4 * band_density(y, 200, cutoff / 2))
+        # In band the coded signal is still the input, up to the quantisation.
+        low = sosfiltfilt(butter(8, cutoff / 2, fs=RATE, output="sos"), np.stack([x, y]))
+        self.assertGreater(np.corrcoef(low)[0, 1], 0.9)
+        mixer = mixing.Mixer(WhiteCorpus(rng), seconds=1.0, clipping=1.0, codec=1.0)
+        clipped = 0
+        for _ in range(20):
+            mix = mixer(rng)
+            self.assertLessEqual(mix.bandwidth, mixing.CODEC_CUTOFF_HZ[1])
+            self.assertLessEqual(np.abs(mix.noisy).max(), mixing.FULL_SCALE)
+            # Driven past full scale: samples sit at the rails.
+            clipped += np.sum(np.abs(mix.noisy) >= mixing.FULL_SCALE - 1) > 1
+        self.assertEqual(clipped, 20)
 
 
 if __name__ == "__main__":

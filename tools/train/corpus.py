@@ -3,7 +3,11 @@ as float32 arrays (memory-mapped, so data workers share the pages) outside the w
 
 Speech bandwidth comes from the corpus MANIFEST: RAVDESS files are 48 kHz recordings (full band),
 speechocean762 files were recorded at 16 kHz and hold nothing above 8 kHz although their Ogg
-container runs at 48 kHz.
+container runs at 48 kHz, the Tux Paint read descriptions are 44.1 kHz recordings (full band).
+
+A split can draw on two roots: the in-tree corpus and the folder `../shared/data/debian/fetch.sh`
+fills from Debian packages (`--extra-data DIR` or the SONEL_EXTRA_DATA environment variable),
+laid out the same way (SPLIT/speech, SPLIT/noise).
 """
 
 import copy
@@ -17,11 +21,15 @@ import numpy as np
 import soundfile
 from scipy.signal import resample_poly
 
-SPEECH_BANDWIDTH_HZ = {"ravdess": 24000.0, "so762": 8000.0}
+SPEECH_BANDWIDTH_HZ = {"ravdess": 24000.0, "so762": 8000.0, "tuxpaint": 22050.0}
+# Noise recordings that are music (a call's background music is noise to remove): named apart so
+# the mixer can hold their share of the draws (an hour of soundtrack against 86 minutes of the rest).
+MUSIC_PREFIX = "music_"
+EXTRA_DATA_ENV = "SONEL_EXTRA_DATA"
 # Activity: 10 ms frames within 40 dB of the file's loudest frame. Both corpora keep their
 # leading and trailing pauses (RAVDESS about 1 s of studio tone at each end).
 ACTIVITY_RANGE_DB = 40.0
-CACHE_VERSION = 1
+CACHE_VERSION = 2
 
 
 def speech_group(name):
@@ -54,7 +62,7 @@ class Corpus:
     """speech/noise: one float32 array each; *_items: per file offset, length and more."""
 
     def __init__(self, folder):
-        folder = Path(folder)
+        self.folder = folder = Path(folder)
         with open(folder / "index.json", encoding="utf-8") as f:
             index = json.load(f)
         self.rate = index["rate"]
@@ -79,23 +87,45 @@ class Corpus:
         return mixed
 
     @classmethod
-    def load_or_build(cls, data_dir, split, rate, cache_dir, workers=1):
-        folder = Path(cache_dir) / ("%s-%d" % (split, rate))
+    def load_or_build(cls, data_dir, split, rate, cache_dir, workers=1, extra_dir=None):
+        """The split's cache, built first when missing or made from other sources. `extra_dir`:
+        the fetch script's output folder, or None for the in-tree corpus alone."""
+        roots = split_roots(data_dir, split, extra_dir)
+        folder = Path(cache_dir) / ("%s%s-%d" % (split, "+extra" if extra_dir else "", rate))
         index = folder / "index.json"
         if index.exists():
             with open(index, encoding="utf-8") as f:
-                if json.load(f).get("version") == CACHE_VERSION:
-                    return cls(folder)
-        build(Path(data_dir) / split, rate, folder, workers)
+                stored = json.load(f)
+            if stored.get("version") == CACHE_VERSION and stored.get("sources") == [str(r) for r in roots]:
+                return cls(folder)
+        build(roots, rate, folder, workers)
         return cls(folder)
 
 
-def build(split_dir, rate, folder, workers):
+def extra_data_dir(given):
+    """The fetch script's output folder: the flag's value, else the environment's, else None."""
+    return given or os.environ.get(EXTRA_DATA_ENV) or None
+
+
+def split_roots(data_dir, split, extra_dir):
+    roots = [Path(data_dir) / split]
+    if extra_dir:
+        extra = Path(extra_dir) / split
+        if not (extra / "noise").is_dir():
+            raise SystemExit("%s has no %s/noise: run ../shared/data/debian/fetch.sh %s first "
+                             "(it extracts the Debian-package recordings), or leave out "
+                             "--extra-data and %s" % (extra_dir, split, extra_dir, EXTRA_DATA_ENV))
+        roots.append(extra)
+    return roots
+
+
+def build(roots, rate, folder, workers):
     folder.mkdir(parents=True, exist_ok=True)
-    index = {"version": CACHE_VERSION, "rate": rate, "source": str(split_dir)}
+    index = {"version": CACHE_VERSION, "rate": rate, "sources": [str(r) for r in roots]}
     with Pool(workers) as pool:
         for kind in ("speech", "noise"):
-            paths = sorted(p for p in (split_dir / kind).iterdir() if p.suffix in (".flac", ".ogg"))
+            paths = sorted((p for root in roots if (root / kind).is_dir() for p in (root / kind).iterdir()
+                            if p.suffix in (".flac", ".ogg")), key=lambda p: p.name)
             items, offset = [], 0
             with open(folder / (kind + ".f32.tmp"), "wb") as out:
                 for path, audio in zip(paths, pool.imap(_decode, [(str(p), rate) for p in paths])):
@@ -105,6 +135,8 @@ def build(split_dir, rate, folder, workers):
                         start, end = active_span(audio, rate)
                         item.update(group=group, active=[start, end],
                                     bandwidth=min(SPEECH_BANDWIDTH_HZ[group], rate / 2))
+                    else:
+                        item["music"] = path.name.startswith(MUSIC_PREFIX)
                     items.append(item)
                     out.write(audio.astype(np.float32).tobytes())
                     offset += len(audio)

@@ -67,6 +67,56 @@ SPEED_STEPS = 100
 # the shipped 32 kHz network gains 8.3 dB at 0 dB SNR on holdout speech over training noise,
 # but 6.9 dB on training speech over holdout noise (docs/training.md, Results, item 7).
 NOISE_SPEED_STEPS = (80, 125)
+# Noise recordings are drawn in proportion to their length (the Debian batch holds 167 key clicks
+# of 0.3 s beside 30 s ambiences), except music, which gets this share of the draws when present:
+# it is tonal and harmonic like voiced speech, and an hour of it would otherwise be 40 % of draws.
+P_MUSIC = 0.15
+# Recordings shorter than this are events (a key click, a bark, a kettle's whistle): a mixture's
+# noise is then a random scatter of clips of the same family, at a random rate per second, each
+# up to EVENT_GAIN_DB quieter than the loudest.
+EVENT_S = 2.0
+EVENT_RATE_HZ = (0.5, 6.0)
+EVENT_GAIN_DB = 10.0
+# Clipping (`--clipping P`): the mixture driven this far above full scale and clipped there.
+CLIP_OVERDRIVE_DB = (1.0, 12.0)
+# Low-bitrate colouring (`--codec P`): what a low-rate transform codec upstream leaves, on the
+# whole input: a band cut, spectral holes where a bin falls this far below the loudest of its
+# block, and magnitudes quantised in steps of this many dB.
+CODEC_CUTOFF_HZ = (4000.0, 12000.0)
+CODEC_HOLE_DB = (25.0, 45.0)
+CODEC_STEP_DB = (1.5, 6.0)
+CODEC_BLOCK_S = 0.02
+
+
+def family(name):
+    """Clips of one source and kind: `tuxpaint_dog.flac` -> tuxpaint, `buckle_1e-0.flac` -> buckle."""
+    return name.split("_", 1)[0]
+
+
+def noise_weights(items, rate, music_share):
+    """Cumulative draw weights of the noise items: their lengths, with music scaled to its share."""
+    lengths = np.array([float(item["length"]) for item in items])
+    is_music = np.array([bool(item.get("music")) for item in items])
+    if is_music.any() and (~is_music).any():
+        lengths[is_music] *= music_share / (1 - music_share) * lengths[~is_music].sum() / lengths[is_music].sum()
+    return np.cumsum(lengths)
+
+
+def coded(rng, x, rate):
+    """`x` through a crude low-bitrate transform codec; returns it and the codec's band edge."""
+    from scipy.signal import istft, stft
+    cutoff = min(rng.uniform(*CODEC_CUTOFF_HZ), 0.45 * rate)
+    hole_db, step_db = rng.uniform(*CODEC_HOLE_DB), rng.uniform(*CODEC_STEP_DB)
+    block = int(CODEC_BLOCK_S * rate)
+    freqs, _, spec = stft(x, rate, nperseg=block)
+    spec[freqs >= cutoff] = 0.0
+    magnitude = np.abs(spec)
+    floor = magnitude.max(axis=0, keepdims=True) * 10 ** (-hole_db / 20)
+    level_db = 20 * np.log10(np.maximum(magnitude, 1e-12))
+    quantised = 10 ** ((np.round(level_db / step_db + rng.uniform(-0.5, 0.5, spec.shape)) * step_db) / 20)
+    spec = np.where(magnitude > floor, quantised * np.exp(1j * np.angle(spec)), 0.0)
+    _, y = istft(spec, rate, nperseg=block)
+    return np.resize(y, x.size) if y.size < x.size else y[:x.size], cutoff
 
 
 def low_pass(cutoff_hz, rate):
@@ -172,17 +222,29 @@ def looped(audio, n, start, fade):
 
 class Mixer:
     def __init__(self, corpus, seconds, noise_only=P_NOISE_ONLY, narrow_talker=P_NARROW_TALKER,
-                 speed=0.0, noise_variation=0.0):
+                 speed=0.0, noise_variation=0.0, second_noise=P_SECOND_NOISE, music=P_MUSIC,
+                 clipping=0.0, codec=0.0):
         self.corpus, self.noise_only, self.narrow_talker = corpus, noise_only, narrow_talker
         self.speed, self.noise_variation = speed, noise_variation
+        self.second_noise, self.clipping, self.codec = second_noise, clipping, codec
         self.rate = corpus.rate
         self.length = int(seconds * self.rate)
         self.groups = {}
         for item in corpus.speech_items:
             self.groups.setdefault(item["group"], []).append(item)
+        self.full_band = sorted(g for g, items in self.groups.items() if items[0]["bandwidth"] > 8000.0)
+        self.narrow_band = sorted(g for g in self.groups if g not in self.full_band)
+        self.noise_draw = noise_weights(corpus.noise_items, self.rate, music)
+        self.families = {}
+        for i, item in enumerate(corpus.noise_items):
+            self.families.setdefault(family(item["name"]), []).append(i)
 
     def _speech(self, rng):
-        group = "ravdess" if rng.random() < P_FULL_BAND_SPEECH else "so762"
+        wide = rng.random() < P_FULL_BAND_SPEECH
+        groups = self.full_band if wide else self.narrow_band
+        # With one full-band source no number is drawn, so runs without the Debian speech see the
+        # mixtures they always saw.
+        group = groups[int(rng.integers(len(groups)))] if len(groups) > 1 else groups[0]
         items, n, rate = self.groups[group], self.length, self.rate
         # Played back faster by steps/SPEED_STEPS; without perturbation no number is drawn, so
         # runs from before it see the same mixtures.
@@ -207,9 +269,27 @@ class Mixer:
             position += piece.size + int(rng.uniform(*GAP_S) * rate)
         return out, min(items[0]["bandwidth"] * steps / SPEED_STEPS, rate / 2)
 
+    def _events(self, rng, family_items):
+        """Short clips of one family (key clicks, animal calls, a kettle) dropped at random times:
+        looped, a 0.3 s key click would become a steady 3 Hz tick."""
+        out = np.zeros(self.length)
+        rate_per_s = rng.uniform(*EVENT_RATE_HZ)
+        times = np.cumsum(rng.exponential(1.0 / rate_per_s, int(rate_per_s * self.length / self.rate * 2) + 4))
+        for t in times[times * self.rate < self.length]:
+            item = self.corpus.noise_items[family_items[rng.integers(len(family_items))]]
+            clip = np.asarray(self.corpus.noise_audio(item), np.float64)
+            first = int(t * self.rate)
+            piece = clip[:self.length - first] * 10 ** (rng.uniform(-EVENT_GAIN_DB, 0.0) / 20)
+            out[first:first + piece.size] += piece
+        return out
+
     def _one_noise(self, rng):
         items = self.corpus.noise_items
-        item = items[rng.integers(len(items))]
+        index = int(np.searchsorted(self.noise_draw, rng.random() * self.noise_draw[-1], side="right"))
+        item = items[min(index, len(items) - 1)]
+        if item["length"] < EVENT_S * self.rate:
+            out = self._events(rng, self.families[family(item["name"])])
+            return out / np.sqrt(np.mean(out ** 2) + 1e-12)
         audio = self.corpus.noise_audio(item)
         fade = int(LOOP_FADE_S * self.rate)
         start = int(rng.integers(0, item["length"] - fade))
@@ -225,7 +305,7 @@ class Mixer:
 
     def _noise(self, rng):
         noise = self._one_noise(rng)
-        if rng.random() < P_SECOND_NOISE:
+        if rng.random() < self.second_noise:
             noise += self._one_noise(rng) * 10 ** (rng.uniform(*SECOND_NOISE_DB) / 20)
         if rng.random() < P_NOISE_RAMP:
             noise *= 10 ** (np.linspace(0.0, rng.uniform(-NOISE_RAMP_DB, NOISE_RAMP_DB), self.length) / 20)
@@ -269,9 +349,18 @@ class Mixer:
             snr = rng.uniform(*SNR_DB)
             noise *= np.sqrt(active_power(wet, rate) / 10 ** (snr / 10) / np.mean(noise ** 2))
         mix = wet + noise
+        # Without these shares no number is drawn, so runs from before them see the same mixtures.
+        if self.codec and rng.random() < self.codec:
+            mix, cutoff = coded(rng, mix, rate)
+            bandwidth = min(bandwidth, cutoff)
         # The level is that of the mixture where speech is active (all of it without speech).
         level = active_power(wet, rate) + np.mean(noise ** 2) if kind != "noise" else np.mean(noise ** 2)
         gain = FULL_SCALE * 10 ** (rng.uniform(*LEVEL_DBFS) / 20) / np.sqrt(level)
-        gain = min(gain, (FULL_SCALE - 1) / max(np.abs(mix).max(), 1e-12))
+        full_scale_gain = (FULL_SCALE - 1) / max(np.abs(mix).max(), 1e-12)
+        gain = min(gain, full_scale_gain)
+        if self.clipping and rng.random() < self.clipping:
+            # Peaks driven that far past full scale and clipped there, as by an input stage set
+            # too hot; the target keeps its unclipped speech.
+            gain = full_scale_gain * 10 ** (rng.uniform(*CLIP_OVERDRIVE_DB) / 20)
         noisy = np.clip(np.round(mix * gain), -FULL_SCALE, FULL_SCALE - 1).astype(np.float32)
         return Mixture(noisy, (target * gain).astype(np.float32), float(bandwidth), kind, snr)

@@ -226,6 +226,27 @@ def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None
     return records
 
 
+def load_records(network, records):
+    """Sets `network`'s parameters from a model file's records (the inverse of model_records);
+    the shapes must match the geometry the network was made for."""
+    rect, lin = records["WeightNonLinear"].value, records["WeightLinear"].value
+    values = {"gate_w": records["WeightGRU"].value, "gate_b": records["BaesGRU"].value,
+              "out_w": rect[-1], "out_b": records["BaesNonLinear"].value[-1]}
+    for k in range(len(network.hidden)):
+        values.update({"rect_w.%d" % k: rect[k], "rect_b.%d" % k: records["BaesNonLinear"].value[k],
+                       "lin_w.%d" % k: lin[k], "lin_b.%d" % k: records["BaesLinear"].value[k]})
+    state = network.state_dict()
+    if set(values) != set(state) or len(rect) != len(network.hidden) + 1:
+        raise ValueError("the model file's layers do not match a network of hidden sizes %s"
+                         % (network.hidden,))
+    for name, value in values.items():
+        if tuple(np.shape(value)) != tuple(state[name].shape):
+            raise ValueError("%s is %s in the model file, %s in the network"
+                             % (name, np.shape(value), tuple(state[name].shape)))
+        state[name] = torch.from_numpy(np.asarray(value, F32).copy())
+    network.load_state_dict(state)
+
+
 def new_network(geometry):
     bands = geometry.bands().count
     return CleanerNetwork((geometry.preview_frames + 1) * bands, bands, geometry.hidden)

@@ -23,9 +23,9 @@ import numpy as np
 import torch
 
 import network as net
-from corpus import Corpus
+from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
 from examples import Loader
-from mixing import P_NARROW_TALKER, P_NOISE_ONLY
+from mixing import P_MUSIC, P_NARROW_TALKER, P_NOISE_ONLY, P_SECOND_NOISE
 
 REPO = Path(__file__).resolve().parent.parent.parent
 DEFAULT_DATA = REPO.parent / "shared" / "data"
@@ -51,11 +51,14 @@ def parse_args(argv):
                    help="checkpoints, history and caches (outside the work tree)")
     p.add_argument("--data", default=str(DEFAULT_DATA),
                    help="corpus root holding train/ (default %(default)s)")
+    p.add_argument("--extra-data", help="output folder of ../shared/data/debian/fetch.sh, read beside "
+                   "--data (default: $%s; none when unset)" % EXTRA_DATA_ENV)
     p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
     p.add_argument("--hidden", type=lambda s: [int(h) for h in s.split(",")],
                    help="hidden layer sizes, e.g. 192,192 (default by rate; network.py)")
     p.add_argument("--preview-frames", type=int,
                    help="past blocks the network sees beside the current one (default by rate)")
+    p.add_argument("--init-from", help="model file (.vlw) whose network and MU/SD a new run starts from")
     p.add_argument("--epochs", type=int, help="length of the schedule (default by rate)")
     p.add_argument("--examples", type=int, help="mixtures per epoch (default by rate)")
     p.add_argument("--batch", type=int, default=16, help="mixtures per batch")
@@ -68,6 +71,14 @@ def parse_args(argv):
                    help="speech resampled by a factor drawn from 1 +- this (more voices)")
     p.add_argument("--noise-variation", type=float, default=0.0,
                    help="share of noise recordings played at another speed and coloured (more noises)")
+    p.add_argument("--second-noise-share", type=float, default=P_SECOND_NOISE,
+                   help="share of mixtures with a second noise recording under the first")
+    p.add_argument("--music-share", type=float, default=P_MUSIC,
+                   help="share of noise draws that are music, when the corpus has music")
+    p.add_argument("--clipping", type=float, default=0.0,
+                   help="share of inputs driven past full scale and clipped")
+    p.add_argument("--codec", type=float, default=0.0,
+                   help="share of inputs coloured as by a low-bitrate codec")
     p.add_argument("--chunk", type=float, default=2.5, help="seconds per truncated-BPTT step")
     p.add_argument("--lr", type=float, default=1e-3)
     p.add_argument("--attenuation-weight", type=float, default=ATTENUATION_WEIGHT,
@@ -90,6 +101,7 @@ def parse_args(argv):
     args.epochs = args.epochs or epochs
     args.examples = args.examples or examples
     args.cache_dir = args.cache_dir or os.path.join(args.state_dir, "cache")
+    args.extra_data = extra_data_dir(args.extra_data)
     return args
 
 
@@ -129,7 +141,9 @@ def tensors(batch, device):
 
 def shares(args):
     return {"noise_only": args.noise_only_share, "narrow_talker": args.narrow_talker_share,
-            "speed": args.speed_perturbation, "noise_variation": args.noise_variation}
+            "speed": args.speed_perturbation, "noise_variation": args.noise_variation,
+            "second_noise": args.second_noise_share, "music": args.music_share,
+            "clipping": args.clipping, "codec": args.codec}
 
 
 def evaluate(model, batches, args):
@@ -167,8 +181,8 @@ def main(argv=None):
     checkpoint_path = state_dir / "checkpoint.pt"
 
     # Decoded once here, then memory-mapped by every data worker.
-    Corpus.load_or_build(args.data, "train", args.rate, args.cache_dir, max(args.workers, 1))
-    corpus_folder = Path(args.cache_dir) / ("train-%d" % args.rate)
+    corpus_folder = Corpus.load_or_build(args.data, "train", args.rate, args.cache_dir, max(args.workers, 1),
+                                         args.extra_data).folder
 
     torch.manual_seed(args.seed)
     model = net.new_network(geometry).to(device)
@@ -187,6 +201,18 @@ def main(argv=None):
         epoch, position, step, running = ck["epoch"], ck["position"], ck["step"], ck["running"]
         history = ck["history"]
         print("resumed at epoch %d, batch %d, step %d" % (epoch, position, step), flush=True)
+    elif args.init_from:
+        # A continuation on other data keeps the network's input scaling: new MU/SD would move
+        # every feature under weights trained for the old ones.
+        records = net.sw.read_file(args.init_from, None)
+        if records["SampleRate"].value != args.rate:
+            sys.exit("%s is a %d Hz model, not %d Hz" % (args.init_from, records["SampleRate"].value, args.rate))
+        net.load_records(model, records)
+        if args.recurrence_limit > 0:
+            model.bound_recurrence(args.recurrence_limit)
+        mu, sd = (np.asarray(records[k].value, np.float32) for k in ("MU", "SD"))
+        print("starting from %s" % args.init_from, flush=True)
+        epoch, position, step, running, history = 0, 0, 0, [0.0, 0.0], []
     else:
         print("measuring MU/SD on %d mixtures" % args.normalisation, flush=True)
         mu, sd = normalisation(args, geometry, corpus_folder)
