@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Set-up, build and the whole test suite, twice: an optimised build and an AddressSanitizer +
-# UndefinedBehaviorSanitizer build with leak checking.
+# UndefinedBehaviorSanitizer build with leak checking; then the multi-threaded session test under
+# ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/setup-debian.sh
@@ -14,3 +15,7 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DSONEL_SANITIZE=ON -DSONEL_BU
 cmake --build build-asan -j"$jobs"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j"$jobs")
+
+cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSONEL_SANITIZE_THREAD=ON -DSONEL_BUILD_BENCH=OFF
+cmake --build build-tsan -j"$jobs" --target sonel_threads_tests
+(cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -R '^SessionThreads\.')
