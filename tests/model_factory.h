@@ -36,11 +36,14 @@ struct CleanerModelSpec {
     bool fullBand = true;      // FiltrBegin 0 .. FiltrEnd N/2; else bins 1 .. N/2
     float freezeLow = 0.0f;
     float freezeHigh = 0.0f;
+    unsigned hopMs = 10;
+    float logEpsilon = 1e-3f;
+    float sd = 3.0f;
 };
 
 inline SONEL::WEIGHTS::WeightWriter cleanerModel(const CleanerModelSpec& s) {
     using SONEL::CONTAINERS::Matrix;
-    const unsigned step = s.rate / 100, frame = 2 * step;
+    const unsigned step = s.rate * s.hopMs / 1000, frame = 2 * step;
     const unsigned begin = s.fullBand ? 0 : 1, end = frame / 2;
     const unsigned bands = static_cast<unsigned>(
         SONEL::NOISE_CANCELLER::BandLayout(end - begin + 1, s.compressRate).bandCount());
@@ -67,8 +70,8 @@ inline SONEL::WEIGHTS::WeightWriter cleanerModel(const CleanerModelSpec& s) {
     w.add("FreezeLowEnThr", s.freezeLow);
     w.add("FreezeHighEnThr", s.freezeHigh);
     w.add("MU", std::vector<float>(bands, 5.0f));
-    w.add("SD", std::vector<float>(bands, 3.0f));
-    w.add("LogPowerEpsilon", 1e-3f);
+    w.add("SD", std::vector<float>(bands, s.sd));
+    w.add("LogPowerEpsilon", s.logEpsilon);
     w.add("CONTROL_VELTA_COMPRESS_RATE_v0_0_5", s.compressRate);
     w.add("WeightGRU", matrix(s.hidden, s.hidden + features));
     w.add("BaesGRU", vec(s.hidden, 0.0f));

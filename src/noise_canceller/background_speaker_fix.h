@@ -28,7 +28,7 @@ public:
                          unsigned frameDurationMs);
 
     bool enabled() const { return enabled_; }
-    bool setEnabled(bool on) { return enabled_ = on, true; }
+    bool setEnabled(bool on);
     // In place on one synthesised block.
     void process(std::vector<float>& block);
     void reset();
@@ -40,7 +40,7 @@ private:
     uint64_t maxWindow;
     uint64_t minWindow;
     bool variableWindow;
-    std::vector<float> history;  // ring of maxWindow block energies; newest at head_ - 1
+    std::vector<float> history;  // ring of maxWindow block energies, newest at head_ - 1; empty while never enabled
     size_t head_ = 0;
     uint64_t window;
     float speakerLevel = 1.0f;

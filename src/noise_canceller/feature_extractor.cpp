@@ -1,6 +1,8 @@
 #include "noise_canceller/feature_extractor.h"
 
+#include <algorithm>
 #include <cmath>
+#include <string>
 
 #include "utils/fft.h"
 #include "utils/sonel_exception.h"
@@ -8,6 +10,8 @@
 namespace SONEL::NOISE_CANCELLER {
 
 namespace {
+
+constexpr unsigned kMaxFrameLength = 8192;
 
 void require(bool condition, const std::string& what) {
     if (!condition)
@@ -31,10 +35,16 @@ FrontEndParams FrontEndParams::read(const WEIGHTS::Weight& weight) {
     p.mu = weight.get<std::vector<float>>("MU");
     p.sd = weight.get<std::vector<float>>("SD");
     p.logEpsilon = weight.get<float>("LogPowerEpsilon");
+    require(p.sampleRate >= 8000 && p.sampleRate <= 96000, "SampleRate outside 8000 ... 96000");
     require(p.step > 0 && p.frameLength == 2 * p.step, "FrameLength must be twice Step");
+    // Every buffer of a session is sized from FrameLength; 8192 is 85 ms at the highest rate.
+    require(p.frameLength <= kMaxFrameLength, "FrameLength above " + std::to_string(kMaxFrameLength));
     require(p.filtrBegin <= p.filtrEnd && p.filtrEnd <= p.frameLength / 2,
             "FiltrBegin..FiltrEnd must lie within the spectrum");
     require(!p.mu.empty() && !p.sd.empty(), "MU and SD must not be empty");
+    // Features are divided by SD and the log floor keeps empty bands finite.
+    require(std::none_of(p.sd.begin(), p.sd.end(), [](float v) { return v == 0.0f; }), "SD holds a zero");
+    require(p.logEpsilon > 0.0f, "LogPowerEpsilon must be positive");
     require(p.previewFrames < 64, "PreviewFrames above 63");
     return p;
 }

@@ -43,8 +43,14 @@ MaskParams MaskParams::read(const WEIGHTS::ModelPair& model, const ParameterKeys
         "WARNING OF RM_THRESHOLD VALUE. IT MUST BE iIN INTERVALK [0.0,1.0] \\n DEFAULT VALUE 0.5");
     p.rescaleEnabled = lookupParameter(model, keys.key("ENABLE_RESCALE"), p.rescaleEnabled);
     p.rescaleRefEn = lookupParameter(model, keys.key("RESCALE_REF_EN"), p.rescaleRefEn);
-    p.rescaleRefAmpl = lookupParameter(model, keys.key("RESCALE_REF_AMPL"), p.rescaleRefAmpl);
-    p.compressRate = lookupParameter(model, keys.compressKey, p.compressRate);
+    p.rescaleRefAmpl = lookupParameter(
+        model, keys.key("RESCALE_REF_AMPL"), p.rescaleRefAmpl,
+        [](float v) { return v > 0.0f && v <= 32768.0f; },
+        "WARNING OF RESCALE_REF_AMPL VALUE. IT MUST BE IN INTERVAL (0,32768] \\n DEFAULT VALUE 2000");
+    // Each step of the compress rate halves the bins kept one to one; past 16 no geometry keeps any.
+    p.compressRate = lookupParameter(
+        model, keys.compressKey, p.compressRate, [](uint64_t v) { return v <= 16; },
+        "WARNING OF COMPRESS_RATE VALUE. IT MUST BE IN INTERVAL [0,16] \\n DEFAULT VALUE 2");
     p.volumeUp = lookupParameter(model, keys.key("VOLUME_UP"), p.volumeUp);
     // An out-of-range percentage means no increase.
     const float percent = lookupParameter(model, keys.key("VOLUME_UP_PERCENT"), 0.0f);

@@ -33,6 +33,10 @@ public:
     virtual bool background_speaker_fix_switch(bool /*on*/) { return false; }
     // Samples at the model's rate between a sample entering cleanNoise and leaving it.
     virtual unsigned delaySamples() const { return 0; }
+    // Whether frames of `samples` (at the model's rate) can be processed exactly, and the rule
+    // for a refusal's message.
+    virtual bool acceptsFrame(size_t samples) const { return samples > 0; }
+    virtual std::string frameRule() const { return "a positive number of samples"; }
 
     std::string getVersion() const;
     unsigned sampleRate() const { return sampleRate_; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <iostream>
+#include <string>
 
 #include "utils/energy_level.h"
 #include "utils/fft.h"
@@ -60,6 +61,15 @@ void SpectralCleaner::primeBuffers() {
     output_.reset();
     input_.push_backNULL(frontEnd_.step);
     output_.push_backNULL(frontEnd_.step);
+}
+
+bool SpectralCleaner::acceptsFrame(size_t samples) const {
+    return samples > 0 && samples % frontEnd_.step == 0 && samples <= maxFrame_;
+}
+
+std::string SpectralCleaner::frameRule() const {
+    return "a whole number of its " + std::to_string(frontEnd_.step) + "-sample hops up to " +
+           std::to_string(maxFrame_);
 }
 
 bool SpectralCleaner::cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info, bool /*flag*/) {

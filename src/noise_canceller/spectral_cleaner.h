@@ -25,6 +25,8 @@ public:
 
     // One hop: the block that completes a sample's output needs the next hop of input.
     unsigned delaySamples() const override { return frontEnd_.step; }
+    bool acceptsFrame(size_t samples) const override;
+    std::string frameRule() const override;
 
 protected:
     SpectralCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate, const ParameterKeys& keys);

@@ -1,6 +1,8 @@
 #include "sonel_audio_sdk/session.h"
 
 #include <algorithm>
+#include <cmath>
+#include <string>
 #include <iostream>
 #include <type_traits>
 
@@ -18,8 +20,20 @@ const char* const kSessionFile = "src/sonel_audio_sdk/session";
 constexpr float kFloatToInt16 = 32768.0f;
 constexpr float kInt16ToFloat = 3.0517578e-5f;  // 1 / 32768
 
+// Beyond this (float units, 2^30 in 16-bit units) an input sample is limited before it is scaled
+// and resampled: a float near its largest value would overflow to infinity in either.
+constexpr float kFloatInputLimit = 32768.0f;
+
+// NaN, which std::clamp would pass through and the 16-bit conversion could not represent,
+// becomes 0.
 void clampToInt16(std::vector<float>& samples) {
-    for (float& s : samples) s = std::clamp(s, -32768.0f, 32767.0f);
+    for (float& s : samples) s = std::isnan(s) ? 0.0f : std::clamp(s, -32768.0f, 32767.0f);
+}
+
+// A NaN or infinite float sample is silence: passed on, it would reach the network's recurrent
+// state and every later frame of the stream would come out NaN.
+float scaledFloat(float s) {
+    return std::isfinite(s) ? std::clamp(s, -kFloatInputLimit, kFloatInputLimit) * kFloatToInt16 : 0.0f;
 }
 
 }  // namespace
@@ -44,6 +58,15 @@ SonelAudioSessionT::SonelAudioSessionT(SonelAudioSamplingRate inputRate,
         getSampleCount(durationMs_, vad ? modelRate : static_cast<unsigned>(outputRate));
     if (modelFrameSize != callerOutputSize)
         outputResampler_ = std::make_unique<UTILS::Resampler>(modelFrameSize, callerOutputSize);
+
+    // A cleaner works in whole hops; a frame that is not a whole number of them would be handed
+    // back with part of its last hop not yet overlap-added.
+    const bool cleaning = type == SONEL_AUDIO_SESSION_NC || type == SONEL_AUDIO_SESSION_NC_WITH_STATS;
+    if (cleaning && !cleaner_->acceptsFrame(modelFrameSize))
+        throw SonelException("ERROR frame duration " + std::to_string(durationMs_) + " ms is " +
+                                 std::to_string(modelFrameSize) + " samples at the model's rate, not " +
+                                 cleaner_->frameRule(),
+                             kSessionFile, __LINE__, "SonelAudioSessionT");
 
     const bool sameRates = modelRate == static_cast<unsigned>(inputRate) &&
                            modelRate == static_cast<unsigned>(outputRate);
@@ -84,7 +107,7 @@ template <typename Sample>
 std::vector<float>& SonelAudioSessionT::loadFrame(const Sample* in, unsigned long count) {
     frame_.resize(count);
     for (unsigned long i = 0; i < count; ++i)
-        frame_[i] = std::is_floating_point_v<Sample> ? static_cast<float>(in[i]) * kFloatToInt16
+        frame_[i] = std::is_floating_point_v<Sample> ? scaledFloat(static_cast<float>(in[i]))
                                                      : static_cast<float>(in[i]);
     std::vector<float>* work = &frame_;
     if (inputResampler_ && inputResampler_->resample(frame_, modelFrame_) > 0) work = &modelFrame_;

@@ -98,6 +98,12 @@ int32_t closeSession(void* handle, SonelAudioSessionType type) {
     });
 }
 
+// Levels are 0 … 100; anything else (never expected) reads as 0 rather than an undefined
+// conversion.
+uint32_t levelOf(double level) {
+    return level > 0.0 && level <= 100.0 ? static_cast<uint32_t>(level) : 0u;
+}
+
 template <typename Sample>
 int32_t cleanFrame(void* handle, SonelAudioSessionType type, const Sample* input,
                    unsigned int inputSize, Sample* output, unsigned int outputSize,
@@ -112,8 +118,8 @@ int32_t cleanFrame(void* handle, SonelAudioSessionType type, const Sample* input
         const bool cleaned = session->cleanNoise(input, inputSize, output, outputSize,
                                                  frameInfo ? &info : nullptr, ringtone);
         if (cleaned && frameInfo) {
-            frameInfo->voiceLevel = static_cast<uint32_t>(info.voiceLevel);
-            frameInfo->noiseLevel = static_cast<uint32_t>(info.noiseLevel);
+            frameInfo->voiceLevel = levelOf(info.voiceLevel);
+            frameInfo->noiseLevel = levelOf(info.noiseLevel);
             const double probability = info.ringtoneProbability;
             frameInfo->ringtoneState =
                 probability == -1.0 ? 0 : probability >= SonelAudioInstanceT::csdThreshold_ ? 1 : 2;

@@ -129,6 +129,7 @@ TEST(MaskPostProcessing, VolumeUpForcesClipFixOnThePositivePeak) {
 
 TEST(BackgroundSpeakerFix, CutsBlocksFarBelowTheMainTalker) {
     SpeakerFixParams params;
+    params.enabled = true;
     params.runFrameCount = 1;       // the level is the current block's
     params.utteranceLen = 0.005f;   // 1 - 10 / (2000 * 0.005) = 0: the talker level jumps to it
     params.variableWindow = false;
@@ -152,6 +153,7 @@ TEST(BackgroundSpeakerFix, CutsBlocksFarBelowTheMainTalker) {
     }
     std::vector<float> silence(4, 0.0f);
     BackgroundSpeakerFix fresh(SpeakerFixParams{}, std::vector<float>(4, 1.0f), 10);
+    fresh.setEnabled(true);
     fresh.process(silence);  // d = 0 against the starting level: nothing cut, no NaN
     EXPECT_EQ(silence, std::vector<float>(4, 0.0f));
 }

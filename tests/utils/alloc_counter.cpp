@@ -6,15 +6,18 @@
 
 namespace {
 std::atomic<size_t> gAllocations{0};
+std::atomic<size_t> gBytes{0};
 
 void* countedAlloc(std::size_t size) {
     ++gAllocations;
+    gBytes += size;
     return std::malloc(size == 0 ? 1 : size);
 }
 }  // namespace
 
 namespace sonel_test {
 size_t allocationCount() { return gAllocations.load(); }
+size_t allocatedBytes() { return gBytes.load(); }
 }  // namespace sonel_test
 
 void* operator new(std::size_t size) {
