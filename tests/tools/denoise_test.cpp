@@ -1,11 +1,16 @@
 // `sonel denoise` end to end: alignment and length through a pass-through model at host rates
-// other than the model's, several channels, and clean failures that leave no output behind.
+// other than the model's, several channels, clean failures that leave no output behind, and damaged,
+// empty or unusually named files that are still handled.
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <string>
 #include <vector>
 
 #include "test_support.h"
@@ -14,30 +19,46 @@ using namespace sonel_test;
 
 namespace {
 
-int sonel(const std::string& arguments) {
-    const std::string command = "'" SONEL_TOOL "' " + arguments + " >/dev/null 2>&1";
-    return std::system(command.c_str());
+// Runs the tool; `output`, when given, receives what it printed on both streams.
+int sonel(const std::string& arguments, std::string* output = nullptr) {
+    const std::string command = "'" SONEL_TOOL "' " + arguments + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return -1;
+    std::string text;
+    char buffer[256];
+    while (std::fgets(buffer, sizeof buffer, pipe)) text += buffer;
+    if (output) *output = text;
+    return pclose(pipe);
 }
 
-void writeWav(const std::string& path, const std::vector<float>& interleaved, int channels, int rate) {
+void writeWav(const std::string& path, const std::vector<float>& interleaved, int channels, int rate,
+              int format = SF_FORMAT_WAV | SF_FORMAT_FLOAT) {
     SF_INFO info{};
     info.channels = channels;
     info.samplerate = rate;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    info.format = format;
     SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
     ASSERT_NE(f, nullptr);
     sf_writef_float(f, interleaved.data(), static_cast<sf_count_t>(interleaved.size() / channels));
     sf_close(f);
 }
 
+// What libsndfile can read of the file, which for a damaged one is less than its header declares
+// and for an empty FLAC one has no declared length at all.
 std::vector<float> readAudio(const std::string& path, SF_INFO& info) {
     info = SF_INFO{};
     SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
     if (!f) return {};
-    std::vector<float> samples(static_cast<size_t>(info.frames * info.channels));
-    sf_readf_float(f, samples.data(), info.frames);
+    std::vector<float> samples, block(4096 * static_cast<size_t>(info.channels));
+    sf_count_t got;
+    while ((got = sf_readf_float(f, block.data(), 4096)) > 0)
+        samples.insert(samples.end(), block.begin(), block.begin() + got * info.channels);
     sf_close(f);
     return samples;
+}
+
+void cutBytesOffTheEnd(const std::string& path, std::uintmax_t bytes) {
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) - bytes);
 }
 
 }  // namespace
@@ -104,4 +125,94 @@ TEST(Denoise, BadInputFailsCleanlyWithoutOutput) {
     }
     EXPECT_EQ(sonel("denoise " + dir.file("ok.wav") + " " + out + " --model " + dir.file("model.vlw")), 0);
     EXPECT_TRUE(std::filesystem::exists(out));
+}
+
+TEST(Denoise, DamagedInputIsCleanedAsFarAsItReads) {
+    ScratchDir dir;
+    ASSERT_TRUE(cleanerModel(CleanerModelSpec{}).writeFile(dir.file("pass.vlw")));
+    const int rate = 16000;
+    std::vector<float> tone(rate);
+    for (size_t i = 0; i < tone.size(); ++i) tone[i] = 0.3f * std::sin(2 * M_PI * 440.0 * i / rate);
+
+    // A WAV cut mid-sample, which libsndfile reads as shorter without error, and a FLAC stream
+    // whose decoder stops early: each output holds all that could be read, up to its last sample.
+    for (const auto& [name, format] : {std::pair<std::string, int>{"cut.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+                                       {"cut.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16}}) {
+        SCOPED_TRACE(name);
+        writeWav(dir.file(name), tone, 1, rate, format);
+        cutBytesOffTheEnd(dir.file(name), 1001);
+        SF_INFO info;
+        const std::vector<float> readable = readAudio(dir.file(name), info);
+        ASSERT_GT(readable.size(), tone.size() / 2);
+        ASSERT_LT(readable.size(), tone.size());
+        std::string output;
+        ASSERT_EQ(sonel("denoise " + dir.file(name) + " " + dir.file("out.wav") + " --model " + dir.file("pass.vlw"), &output), 0);
+        EXPECT_NE(output.find("truncated: read " + std::to_string(readable.size()) + " of the 16000 frames"),
+                  std::string::npos) << output;
+        const std::vector<float> out = readAudio(dir.file("out.wav"), info);
+        ASSERT_EQ(out.size(), readable.size());
+        double error = 0, power = 0;
+        for (size_t i = out.size() - rate / 20; i < out.size(); ++i) {
+            error += (out[i] - readable[i]) * (out[i] - readable[i]);
+            power += readable[i] * readable[i];
+        }
+        EXPECT_GT(10 * std::log10(power / error), 20.0);
+    }
+
+    // Non-finite samples are counted, and neither a float nor a 16-bit output receives them: NaN
+    // would stay NaN in the one and become a full-scale click in the other.
+    std::vector<float> broken = tone;
+    broken[100] = NAN;
+    broken[5000] = INFINITY;
+    broken[5001] = -INFINITY;
+    writeWav(dir.file("broken.wav"), broken, 1, rate);
+    for (const std::string out : {"out.wav", "out.flac"}) {
+        SCOPED_TRACE(out);
+        std::string output;
+        ASSERT_EQ(sonel("denoise " + dir.file("broken.wav") + " " + dir.file(out) + " --model " + dir.file("pass.vlw"), &output), 0);
+        EXPECT_NE(output.find("holds 3 non-finite samples"), std::string::npos) << output;
+        SF_INFO info;
+        const std::vector<float> cleaned = readAudio(dir.file(out), info);
+        ASSERT_EQ(cleaned.size(), broken.size());
+        EXPECT_TRUE(std::all_of(cleaned.begin(), cleaned.end(), [](float s) { return std::abs(s) < 0.9f; }));
+    }
+}
+
+TEST(Denoise, EmptyInputGivesAnEmptyOutputOfTheSameFormat) {
+    ScratchDir dir;
+    ASSERT_TRUE(cleanerModel(CleanerModelSpec{}).writeFile(dir.file("pass.vlw")));
+    // An empty FLAC file has its header only when forced out, and reads back with its length
+    // unknown rather than zero.
+    for (const auto& [name, format] : {std::pair<std::string, int>{"empty.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT},
+                                       {"empty.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24}}) {
+        SCOPED_TRACE(name);
+        SF_INFO info{};
+        info.channels = 2;
+        info.samplerate = 48000;
+        info.format = format;
+        SNDFILE* f = sf_open(dir.file(name).c_str(), SFM_WRITE, &info);
+        ASSERT_NE(f, nullptr);
+        sf_command(f, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        sf_close(f);
+        const std::string out = dir.file("out" + std::filesystem::path(name).extension().string());
+        std::string output;
+        ASSERT_EQ(sonel("denoise " + dir.file(name) + " " + out + " --model " + dir.file("pass.vlw"), &output), 0);
+        EXPECT_NE(output.find("holds no audio"), std::string::npos) << output;
+        SF_INFO written;
+        EXPECT_TRUE(readAudio(out, written).empty());
+        EXPECT_EQ(written.format, format);
+        EXPECT_EQ(written.channels, 2);
+        EXPECT_EQ(written.samplerate, 48000);
+    }
+}
+
+TEST(Denoise, ModelPathMayHoldNonAsciiCharacters) {
+    ScratchDir dir;
+    const std::string model = dir.file("modèle-ß-模型.vlw");
+    std::filesystem::copy_file(SONEL_SOURCE_DIR "/models/sonel-nc-16k.vlw", model);
+    writeWav(dir.file("in.wav"), std::vector<float>(1600, 0.1f), 1, 16000);
+    std::string output;
+    EXPECT_EQ(sonel("denoise " + dir.file("in.wav") + " " + dir.file("out.wav") + " --model '" + model + "'", &output), 0)
+        << output;
+    EXPECT_TRUE(std::filesystem::exists(dir.file("out.wav")));
 }

@@ -19,6 +19,8 @@ constexpr int kExitUsage = 2;    // the command line itself is wrong
 
 // Prints "sonel: <message>" on standard error and returns `status`.
 int reportError(const std::string& message, int status = kExitFailure);
+// Prints "sonel: warning: <message>" on standard error; the command goes on.
+void reportWarning(const std::string& message);
 
 int runVersion(const Args& args);
 int runModel(const Args& args);

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "sonel/embedded_model.h"
 #include "sonel_audio_sdk/instance.h"
 #include "sonel_audio_sdk/session.h"
+#include "utils/wide_string.h"
 
 namespace sonel_cli {
 
@@ -66,8 +68,8 @@ int loadModel(const std::string& path) {
     int32_t result;
     if (!path.empty()) {
         if (!std::filesystem::exists(path)) return reportError("model file '" + path + "' not found");
-        const std::wstring widePath(path.begin(), path.end());
-        result = sonelAudioSetModel(widePath.c_str(), kModelName);
+        // The command line carries the path as UTF-8; the library takes it as code points.
+        result = sonelAudioSetModel(SONEL::UTILS::fromUtf8(path).c_str(), kModelName);
     } else {
         if (kEmbeddedModelSize == 0)
             return reportError("this build has no embedded model; pass --model FILE", kExitUsage);
@@ -77,6 +79,55 @@ int loadModel(const std::string& path) {
     std::string details = quiet.text();
     std::replace(details.begin(), details.end(), '\n', ' ');
     return reportError("cannot load model '" + (path.empty() ? "embedded" : path) + "': " + details);
+}
+
+// Bytes per sample in a WAV data chunk for the encodings stored sample by sample; 0 for the
+// block-coded ones (ADPCM, GSM), whose chunk size gives no frame count directly.
+sf_count_t wavSampleBytes(int format) {
+    switch (format & SF_FORMAT_SUBMASK) {
+        case SF_FORMAT_PCM_U8:
+        case SF_FORMAT_ULAW:
+        case SF_FORMAT_ALAW: return 1;
+        case SF_FORMAT_PCM_16: return 2;
+        case SF_FORMAT_PCM_24: return 3;
+        case SF_FORMAT_PCM_32:
+        case SF_FORMAT_FLOAT: return 4;
+        case SF_FORMAT_DOUBLE: return 8;
+        default: return 0;
+    }
+}
+
+// Reads until the decoder stops, block by block rather than by the declared count: a FLAC stream
+// may leave its length unknown, and a damaged one may end before it.
+std::vector<float> readAll(SNDFILE* file, size_t channels) {
+    constexpr sf_count_t kBlockFrames = 1 << 16;
+    std::vector<float> samples;
+    for (;;) {
+        const size_t done = samples.size();
+        samples.resize(done + kBlockFrames * channels);
+        const sf_count_t got = sf_readf_float(file, samples.data() + done, kBlockFrames);
+        samples.resize(done + static_cast<size_t>(got) * channels);
+        if (got < kBlockFrames) return samples;
+    }
+}
+
+// The frame count the file's header declares, 0 where it leaves the length unknown (libsndfile
+// reports SF_COUNT_MAX for such a FLAC stream). libsndfile shortens a WAV whose data chunk claims
+// more than the file holds to what is there, so a recording cut off mid-write reads without error;
+// the chunk's own size still tells how long it was meant to be.
+sf_count_t declaredFrames(SNDFILE* file, const SF_INFO& info) {
+    if (info.frames == SF_COUNT_MAX) return 0;
+    const int major = info.format & SF_FORMAT_TYPEMASK;
+    const sf_count_t frameBytes = wavSampleBytes(info.format) * info.channels;
+    if ((major != SF_FORMAT_WAV && major != SF_FORMAT_WAVEX) || frameBytes == 0) return info.frames;
+    SF_CHUNK_INFO chunk{};
+    std::strcpy(chunk.id, "data");
+    chunk.id_size = 4;
+    const SF_CHUNK_ITERATOR* data = sf_get_chunk_iterator(file, &chunk);
+    if (!data || sf_get_chunk_size(data, &chunk) != SF_ERR_NO_ERROR) return info.frames;
+    // Writers streaming to a pipe leave the size at its largest value: unknown, not cut off.
+    if (chunk.datalen == 0xFFFFFFFFu) return info.frames;
+    return std::max(info.frames, static_cast<sf_count_t>(chunk.datalen) / frameBytes);
 }
 
 // Major format for the output from its extension; the input's sample encoding is kept when the
@@ -138,12 +189,19 @@ int runDenoise(const Args& args) {
     const int format = outputFormat(outPath, info.format, info.channels, info.samplerate);
     if (format == 0) return reportError("'" + outPath + "': the output must be a .wav or .flac file", kExitUsage);
 
+    // A recording cut off mid-write still holds audio worth cleaning: keep what could be read.
     const auto channels = static_cast<size_t>(info.channels);
-    const auto length = static_cast<size_t>(info.frames);
-    std::vector<float> interleaved(length * channels);
-    if (static_cast<size_t>(sf_readf_float(in.get(), interleaved.data(), info.frames)) != length)
-        return reportError("cannot read '" + inPath + "': " + sf_strerror(in.get()));
+    const std::vector<float> interleaved = readAll(in.get(), channels);
+    const size_t length = interleaved.size() / channels;
+    if (const sf_count_t declared = declaredFrames(in.get(), info); static_cast<sf_count_t>(length) < declared)
+        reportWarning("'" + inPath + "' is truncated: read " + std::to_string(length) + " of the " +
+                      std::to_string(declared) + " frames its header declares; cleaning those");
     in.reset();
+    const auto nonFinite = std::count_if(interleaved.begin(), interleaved.end(),
+                                         [](float sample) { return !std::isfinite(sample); });
+    if (nonFinite > 0)
+        reportWarning("'" + inPath + "' holds " + std::to_string(nonFinite) +
+                      " non-finite samples (NaN or infinity); they are cleaned as silence");
 
     Library library;
     if (!library.ok()) return reportError("the library could not be initialised");
@@ -165,6 +223,7 @@ int runDenoise(const Args& args) {
     std::vector<float> cleaned(length * channels, 0.0f);
     std::vector<float> frameIn(frame), out(frame);
     std::vector<std::vector<float>> streams(channels);
+    size_t nonFiniteOut = 0;
     const auto start = std::chrono::steady_clock::now();
     size_t delay = 0;
     for (size_t c = 0; c < channels; ++c) {
@@ -183,8 +242,18 @@ int runDenoise(const Args& args) {
             if (showProgress && (pos / frame) % 100 == 0)
                 printProgress((static_cast<double>(c) + std::min(1.0, static_cast<double>(pos) / length)) / channels);
         }
-        for (size_t i = 0; i < length; ++i) cleaned[i * channels + c] = stream[i + delay];
+        // Non-finite output would pass into a float file as it is and into a PCM one as full-scale
+        // clicks; silence is the least harmful stand-in.
+        for (size_t i = 0; i < length; ++i) {
+            const float sample = stream[i + delay];
+            const bool finite = std::isfinite(sample);
+            nonFiniteOut += finite ? 0 : 1;
+            cleaned[i * channels + c] = finite ? sample : 0.0f;
+        }
     }
+    if (nonFiniteOut > 0)
+        reportWarning("cleaning produced " + std::to_string(nonFiniteOut) +
+                      " non-finite samples; they are written as silence");
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     if (showProgress) std::fprintf(stderr, "\r%60s\r", "");
 
@@ -198,7 +267,9 @@ int runDenoise(const Args& args) {
         SndFile out(sf_open(partial.c_str(), SFM_WRITE, &outInfo));
         if (!out) return reportError("cannot write '" + outPath + "': " + sf_strerror(nullptr));
         sf_command(out.get(), SFC_SET_CLIPPING, nullptr, SF_TRUE);
-        if (static_cast<size_t>(sf_writef_float(out.get(), cleaned.data(), info.frames)) != length) {
+        // libsndfile writes a FLAC header along with the first frame; an empty output needs it now.
+        if (length == 0) sf_command(out.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        if (static_cast<size_t>(sf_writef_float(out.get(), cleaned.data(), static_cast<sf_count_t>(length))) != length) {
             const std::string reason = sf_strerror(out.get());
             out.reset();
             std::filesystem::remove(partial);
@@ -214,6 +285,10 @@ int runDenoise(const Args& args) {
 
     if (withStats) printStats(sessions);
     for (void* s : sessions) withStats ? sonelAudioNcWithStatsCloseSession(s) : sonelAudioNcCloseSession(s);
+    if (length == 0) {
+        std::printf("'%s' holds no audio; wrote an empty '%s'\n", inPath.c_str(), outPath.c_str());
+        return 0;
+    }
     const double audioSeconds = static_cast<double>(length) / info.samplerate;
     std::printf("cleaned %.2f s of audio (%zu channel%s, %d Hz) in %.2f s: %.0fx real time\n", audioSeconds,
                 channels, channels == 1 ? "" : "s", info.samplerate, seconds,

@@ -32,6 +32,10 @@ int reportError(const std::string& message, int status) {
     return status;
 }
 
+void reportWarning(const std::string& message) {
+    std::cerr << "sonel: warning: " << message << std::endl;
+}
+
 int runVersion(const Args& args) {
     if (!args.empty()) return reportError("version takes no arguments", kExitUsage);
     std::cout << SONEL_VERSION_STRING << "\n";
