@@ -1,5 +1,7 @@
 #include "weights/weight.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -7,6 +9,7 @@
 #include <limits>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "utils/crypto.h"
 #include "utils/wide_string.h"
@@ -43,6 +46,8 @@ public:
     Cursor(const uint8_t* data, size_t size) : at_(data), end_(data + size) {}
 
     size_t remaining() const { return static_cast<size_t>(end_ - at_); }
+    // Whether a float read since the last call was NaN or infinite; clears the mark.
+    bool takeNonFinite() { return std::exchange(nonFinite_, false); }
 
     bool readU32(uint32_t& value) {
         if (remaining() < 4) return false;
@@ -55,6 +60,7 @@ public:
         uint32_t bits;
         if (!readU32(bits)) return false;
         std::memcpy(&value, &bits, sizeof value);
+        nonFinite_ |= !std::isfinite(value);
         return true;
     }
     bool readString(std::string& value, uint32_t length) {
@@ -70,6 +76,8 @@ public:
         if (count == 0) return true;  // an empty vector has no buffer to copy into
         std::memcpy(values.data(), at_, values.size() * sizeof(float));
         at_ += values.size() * sizeof(float);
+        nonFinite_ |=
+            std::any_of(values.begin(), values.end(), [](float v) { return !std::isfinite(v); });
         return true;
     }
     bool readVector(std::vector<float>& values) {
@@ -102,6 +110,7 @@ public:
 private:
     const uint8_t* at_;
     const uint8_t* end_;
+    bool nonFinite_ = false;
 };
 
 template <typename T>
@@ -167,9 +176,9 @@ FileRead readFile(const std::string& path, std::vector<uint8_t>& bytes) {
 
 }  // namespace
 
-bool Weight::fail(const char* message) {
+bool Weight::fail(std::string message) {
     records_.clear();
-    message_ = message;
+    message_ = std::move(message);
     return false;
 }
 
@@ -240,6 +249,10 @@ bool Weight::loadStream(const uint8_t* data, size_t size) {
             if (!isKnownType(type)) continue;
             auto value = readBody(in, type);
             if (!value) break;
+            // A NaN or infinity in a network or tuning value would spread through every frame a
+            // session cleans; such a file is damaged, so the whole model is refused.
+            if (in.takeNonFinite())
+                return fail("Weight record " + name + " holds a non-finite value!");
             // Names in a well-formed file are unique; should one repeat, the later record
             // replaces the earlier one (docs/design.md, "Weight files").
             records_[name] = std::move(value);

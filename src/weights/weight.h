@@ -28,7 +28,8 @@ enum WeightRecordType : uint32_t {
 class SONEL_EXPORT Weight {
 public:
     // Loads by extension: "sw" enciphered, "vlw" plain. False on failure, with message() set.
-    // Every load starts from an empty weight; a failed one leaves it empty.
+    // Every load starts from an empty weight; a failed one leaves it empty. A float record
+    // holding NaN or an infinity fails the load, with the record's name in the message.
     bool load(const std::wstring& path);
     // Loads an enciphered blob (same layout as an "sw" file).
     bool loadBlob(const void* data, size_t size);
@@ -59,7 +60,7 @@ public:
 
 private:
     // Drops every record, keeps `message` as the load error and reports failure.
-    bool fail(const char* message);
+    bool fail(std::string message);
 
     CONTAINERS::ObjectMap records_;
     std::string message_;

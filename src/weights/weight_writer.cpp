@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -95,6 +97,33 @@ bool isWritable(const Value& value) {
             for (const auto& matrix : list)
                 if (!isConsistent(matrix)) return false;
             return true;
+        }
+        default:
+            return true;
+    }
+}
+
+bool allFinite(const std::vector<float>& values) {
+    return std::all_of(values.begin(), values.end(), [](float v) { return std::isfinite(v); });
+}
+
+// The reader refuses a model with NaN or an infinity in any float record, so none is written.
+bool isFinite(const Value& value) {
+    switch (value.index()) {
+        case kRecordFloat:
+            return std::isfinite(std::get<kRecordFloat>(value));
+        case kRecordVector:
+            return allFinite(std::get<kRecordVector>(value));
+        case kRecordMatrix:
+            return allFinite(std::get<kRecordMatrix>(value).data);
+        case kRecordVectorVector: {
+            const auto& list = std::get<kRecordVectorVector>(value);
+            return std::all_of(list.begin(), list.end(), allFinite);
+        }
+        case kRecordMatrixVector: {
+            const auto& list = std::get<kRecordMatrixVector>(value);
+            return std::all_of(list.begin(), list.end(),
+                               [](const Matrix& matrix) { return allFinite(matrix.data); });
         }
         default:
             return true;
@@ -196,6 +225,8 @@ WeightWriter::WeightWriter(const Weight& weight) {
 void WeightWriter::add(std::string name, Value value) {
     if (!fits(name.size()) || !isWritable(value))
         reject("Weight record " + name + " does not fit the weight file format", __LINE__, "add");
+    if (!isFinite(value))
+        reject("Weight record " + name + " holds a non-finite value", __LINE__, "add");
     for (const Record& record : records_)
         if (record.name == name) reject("Weight record " + name + " added twice", __LINE__, "add");
     records_.push_back({std::move(name), std::move(value)});

@@ -29,7 +29,8 @@ public:
     explicit WeightWriter(const Weight& weight);
 
     // Throws SonelException for a repeated name, a matrix whose data does not hold
-    // rows × columns values, or a size beyond the format's 32-bit fields.
+    // rows × columns values, a size beyond the format's 32-bit fields, or a NaN or infinity
+    // (which the reader refuses).
     void add(std::string name, Value value);
 
     const std::vector<Record>& records() const { return records_; }

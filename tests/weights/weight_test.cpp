@@ -7,7 +7,9 @@
 #include <new>
 #include <optional>
 #include <random>
+#include <regex>
 
+#include "sonel-audio-sdk.h"
 #include "utils/crypto.h"
 #include "weight_test_support.h"
 
@@ -89,6 +91,18 @@ Bytes enciphered(std::vector<uint32_t> body) {
     out.resize(16, 0);
     for (uint32_t word : body) putU32(out, word);
     return out;
+}
+
+// The enciphered form of any stream, laid out as WeightWriter lays out its own.
+Bytes encipheredStream(const Bytes& stream) {
+    const auto length = static_cast<uint32_t>(stream.size());
+    const uint32_t padBytes = (8 - length % 8) % 8;
+    Bytes body = rawWords({length, padBytes, 0, 0});
+    body.insert(body.end(), stream.begin(), stream.end());
+    body.resize(body.size() + padBytes, 0);
+    std::vector<uint32_t> words(body.size() / 4);
+    std::memcpy(words.data(), body.data(), body.size());
+    return enciphered(std::move(words));
 }
 
 std::vector<std::string> names(const Weight& weight) {
@@ -246,6 +260,81 @@ TEST(WeightStream, CountsBeyondTheDataEndLoadWithoutAllocating) {
     }
 }
 
+TEST(WeightFile, NonFiniteValueInAnyFloatRecordRefusesTheModel) {
+    // The bad value is the last of its record, so every value is checked, not just the first.
+    const uint32_t kOne = 0x3f800000u;  // 1.0f
+    const auto records = [&](uint32_t last) {
+        return std::vector<std::pair<const char*, Bytes>>{
+            {"Gain", rawRecord("Gain", {0, last})},
+            {"MU", rawRecord("MU", {3, 3, kOne, kOne, last})},
+            {"WeightGRU", rawRecord("WeightGRU", {4, 2, 2, kOne, kOne, kOne, last})},
+            {"BaesLinear", rawRecord("BaesLinear", {5, 2, 1, kOne, 2, kOne, last})},
+            {"WeightLinear", rawRecord("WeightLinear", {6, 2, 1, 1, kOne, 1, 2, kOne, last})},
+        };
+    };
+    const ScratchDir scratch;
+    const std::string& dir = scratch.path();
+    // Quiet and signalling NaN of both signs, and both infinities.
+    for (uint32_t bits : {0x7fc00000u, 0xffc00000u, 0x7f800001u, 0x7f800000u, 0xff800000u}) {
+        for (const auto& [name, record] : records(bits)) {
+            SCOPED_TRACE(testing::Message() << name << " 0x" << std::hex << bits);
+            const Bytes stream =
+                concat({floatRecord("Before", 1), record, floatRecord("After", 2)});
+            const Bytes blob = encipheredStream(stream);
+            writeBytes(dir + "/model.vlw", stream);
+            writeBytes(dir + "/model.sw", blob);
+            Weight forms[4];
+            EXPECT_FALSE(forms[0].loadStream(stream.data(), stream.size()));
+            EXPECT_FALSE(forms[1].loadBlob(blob.data(), blob.size()));
+            EXPECT_FALSE(forms[2].load(widen(dir + "/model.vlw")));
+            EXPECT_FALSE(forms[3].load(widen(dir + "/model.sw")));
+            for (const Weight& weight : forms) {
+                EXPECT_EQ(weight.message(),
+                          "Weight record " + std::string(name) + " holds a non-finite value!");
+                EXPECT_TRUE(weight.records().empty());
+            }
+        }
+    }
+    // The same records with the largest finite float in that place load.
+    Bytes stream;
+    for (const auto& entry : records(0x7f7fffffu)) stream = concat({stream, entry.second});
+    const Bytes blob = encipheredStream(stream);
+    Weight plain, fromBlob;
+    ASSERT_TRUE(plain.loadStream(stream.data(), stream.size())) << plain.message();
+    ASSERT_TRUE(fromBlob.loadBlob(blob.data(), blob.size())) << fromBlob.message();
+    EXPECT_EQ(plain.records().size(), 5u);
+    EXPECT_EQ(fromBlob.records().size(), 5u);
+    EXPECT_EQ(plain.get<Matrix>("WeightGRU").data.back(), std::numeric_limits<float>::max());
+}
+
+TEST(WeightFile, ModelWithNonFiniteValueIsNotRegistered) {
+    // Whichever way a host hands the model over, the registry refuses it as it refuses an
+    // unreadable file, and accepts the same model once the value is finite (2.0f, last).
+    const ScratchDir scratch;
+    const std::string& dir = scratch.path();
+    std::ofstream(dir + "/model.cfg") << "WEIGHT model.vlw\n";
+    ASSERT_EQ(sonelAudioGlobalInit(nullptr), SONEL_AUDIO_OK);
+    CaptureStdout();
+    for (uint32_t bits : {0x7fc00000u, 0x7f800000u, 0xff800000u, 0x40000000u}) {
+        SCOPED_TRACE(bits);
+        const int32_t expected =
+            bits == 0x40000000u ? SONEL_AUDIO_OK : SONEL_AUDIO_MODEL_NOT_LOADED;
+        const Bytes stream = concat({sampleWriter().toStream(), rawRecord("Gain", {0, bits})});
+        const Bytes blob = encipheredStream(stream);
+        writeBytes(dir + "/model.vlw", stream);
+        writeBytes(dir + "/model.sw", blob);
+        EXPECT_EQ(sonelAudioSetModelBlob(blob.data(), static_cast<unsigned>(blob.size()), "blob"),
+                  expected);
+        EXPECT_EQ(sonelAudioSetModel(widen(dir + "/model.sw").c_str(), "sw"), expected);
+        EXPECT_EQ(sonelAudioSetModel(widen(dir + "/model.vlw").c_str(), "vlw"), expected);
+        EXPECT_EQ(sonelAudioSetModel(widen(dir + "/model.cfg").c_str(), "cfg"), expected);
+    }
+    for (const char* name : {"blob", "sw", "vlw", "cfg"})
+        EXPECT_EQ(sonelAudioRemoveModel(name), SONEL_AUDIO_OK);
+    GetCapturedStdout();
+    EXPECT_EQ(sonelAudioGlobalDestroy(), SONEL_AUDIO_OK);
+}
+
 TEST(WeightStream, LaterRecordWithTheSameNameReplacesTheEarlier) {
     WeightWriter asString;
     asString.add("Gain", std::string("loud"));
@@ -287,13 +376,17 @@ TEST(WeightFile, DamagedFilesLoadOrFailCleanly) {
                                          : weight.loadStream(bytes.data(), bytes.size());
         SCOPED_TRACE(i);
         ASSERT_LT(gLargestAllocation, kAllocationCeiling);
-        // A plain stream can only end early, never fail.
-        if (!isEnciphered) ASSERT_TRUE(loaded);
+        // A plain stream can only end early or hold a damaged float; an enciphered one can also
+        // have a bad header or pad count.
         if (loaded) {
             ASSERT_EQ(weight.message(), "");
         } else {
-            ASSERT_TRUE(weight.message() == kCorrupted || weight.message() == kBadHeader)
-                << weight.message();
+            const std::string& message = weight.message();
+            const bool nonFinite =
+                std::regex_match(message, std::regex("Weight record .* holds a non-finite value!"));
+            ASSERT_TRUE(nonFinite ||
+                        (isEnciphered && (message == kCorrupted || message == kBadHeader)))
+                << message;
             ASSERT_TRUE(weight.records().empty());
         }
     }

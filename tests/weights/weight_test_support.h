@@ -21,13 +21,13 @@ using SONEL::CONTAINERS::Matrix;
 using SONEL::WEIGHTS::Weight;
 using SONEL::WEIGHTS::WeightWriter;
 
-// Every record type, with edge values (negative zero, a denormal, infinity, empty containers,
-// a 0 x 5 matrix, a UTF-8 name). Added in name order, which is the order a loaded Weight keeps,
-// so a loaded copy written again must give exactly these bytes.
+// Every record type, with edge values (negative zero, a denormal, the largest float, empty
+// containers, a 0 x 5 matrix, a UTF-8 name). Added in name order, which is the order a loaded
+// Weight keeps, so a loaded copy written again must give exactly these bytes.
 inline WeightWriter sampleWriter() {
     WeightWriter writer;
     writer.add("BaesGRU",
-               std::vector<float>{0.5f, -0.0f, 1e-40f, std::numeric_limits<float>::infinity()});
+               std::vector<float>{0.5f, -0.0f, 1e-40f, std::numeric_limits<float>::max()});
     writer.add("Comment", std::string());
     writer.add("FrameLength", 160u);
     writer.add("Gain", -2.75f);

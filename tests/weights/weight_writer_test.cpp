@@ -1,6 +1,7 @@
 // Writing weight files: every record type through every form, what the format cannot hold, the
 // Python twin of the writer and reader, and the `sonel` tool built on them.
 #include <cstdio>
+#include <limits>
 #include <regex>
 #include <variant>
 
@@ -68,7 +69,7 @@ TEST(WeightWriter, EveryRecordTypeRoundTripsThroughEachForm) {
     ASSERT_TRUE(fromBlob.loadBlob(blob.data(), blob.size())) << fromBlob.message();
     for (const Weight* loaded : {&fromVlw, &fromSw, &fromBlob}) {
         // The sample is in name order, so writing a loaded copy again must give the same bytes,
-        // bit for bit (negative zero, denormal and infinity included).
+        // bit for bit (negative zero, denormal and the largest float included).
         EXPECT_EQ(WeightWriter(*loaded).toStream(), stream);
         EXPECT_EQ(loaded->get<unsigned>("SampleRate"), 16000u);
         EXPECT_EQ(loaded->get<std::vector<Matrix>>("WeightGRU")[1].columns, 5u);
@@ -97,6 +98,37 @@ TEST(WeightWriter, RejectsRecordsTheFormatCannotHold) {
     Weight foreign;
     foreign.set("Count", 3);  // int: no record type holds it
     EXPECT_THROW(WeightWriter{foreign}, SonelException);
+}
+
+TEST(WeightWriter, RefusesNonFiniteValuesInEveryFloatRecordType) {
+    // The reader refuses such a model, so writing one would only make a file no host can load.
+    // `last` is the record's last value: each is checked, not just the first.
+    const auto records = [](float last) {
+        return std::vector<WeightWriter::Value>{
+            last,
+            std::vector<float>{1, last},
+            Matrix(2, 2, {1, 2, 3, last}),
+            std::vector<std::vector<float>>{{1}, {2, last}},
+            std::vector<Matrix>{Matrix(1, 1, {1}), Matrix(1, 2, {2, last})},
+        };
+    };
+    for (float bad :
+         {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+          -std::numeric_limits<float>::infinity()}) {
+        SCOPED_TRACE(bad);
+        for (const WeightWriter::Value& value : records(bad)) {
+            SCOPED_TRACE(value.index());
+            WeightWriter writer;
+            expectSonelException([&] { writer.add("Layer", value); },
+                                 "Weight record Layer holds a non-finite value",
+                                 "src/weights/weight_writer");
+            EXPECT_TRUE(writer.records().empty());
+        }
+    }
+    WeightWriter writer;
+    for (const WeightWriter::Value& value : records(std::numeric_limits<float>::max()))
+        writer.add("Layer" + std::to_string(value.index()), value);
+    EXPECT_EQ(writer.records().size(), 5u);
 }
 
 TEST(PythonWeights, WriterAndReaderMatchTheLibraryBytes) {
