@@ -19,3 +19,4 @@ cmake --build build-asan -j"$jobs"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSONEL_SANITIZE_THREAD=ON -DSONEL_BUILD_BENCH=OFF
 cmake --build build-tsan -j"$jobs" --target sonel_threads_tests
 (cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -R '^SessionThreads\.')
+bash tools/run-fuzz.sh 15

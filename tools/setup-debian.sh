@@ -6,6 +6,8 @@ packages=(
   build-essential cmake pkg-config git
   libblis-serial-dev libkissfft-dev libresample1-dev libsndfile1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  # libFuzzer and the sanitizer runtimes for clang (tools/run-fuzz.sh).
+  clang libclang-rt-14-dev
   python3 python3-numpy python3-scipy python3-soundfile
   # Evaluation harness (tools/eval): the peers, plots, and Node.js for RNNoise's WebAssembly build.
   libspeexdsp-dev libwebrtc-audio-processing-dev python3-matplotlib nodejs

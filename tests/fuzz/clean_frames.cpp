@@ -1,0 +1,312 @@
+// The per-frame functions of the C interface on one small registered model. The first four bytes
+// pick the session: its kind, input rate, output rate and frame duration (some values are ones
+// the interface must refuse). Then each frame is one control byte followed by the frame's
+// samples, raw float bits (NaN, infinities and huge values included) or 16-bit values.
+//
+// Control byte: bit 0 16-bit samples; bit 1 the "WithRingtone" (VAD: "Ex") variant, bit 2 its
+// ringtone flag; bit 3 output written over the input; bit 4 a frame one sample short, which must
+// be refused; bit 5 calls of every other session kind with this handle, which must be refused;
+// bit 6 switches the background speaker fix (noise-level sessions: a reset), bit 7 its new state.
+// A VAD frame's samples are followed by two bytes, its start delay and averaging period in tens
+// of milliseconds.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "fuzz_support.h"
+#include "model_factory.h"
+
+namespace {
+
+using sonel_fuzz::check;
+
+constexpr SonelAudioSamplingRate kRates[] = {
+    SONEL_AUDIO_RATE_8000,  SONEL_AUDIO_RATE_16000, SONEL_AUDIO_RATE_24000,
+    SONEL_AUDIO_RATE_32000, SONEL_AUDIO_RATE_44100, SONEL_AUDIO_RATE_48000,
+    SONEL_AUDIO_RATE_88200, SONEL_AUDIO_RATE_96000, static_cast<SonelAudioSamplingRate>(22050)};
+constexpr SonelAudioFrameDuration kDurations[] = {SONEL_AUDIO_FRAME_10MS, SONEL_AUDIO_FRAME_20MS,
+                                                  SONEL_AUDIO_FRAME_30MS, SONEL_AUDIO_FRAME_40MS,
+                                                  static_cast<SonelAudioFrameDuration>(25)};
+constexpr char kModel[] = "fuzz";
+
+class Input {
+public:
+    Input(const uint8_t* data, size_t size) : at_(data), end_(data + size) {}
+    bool empty() const { return at_ == end_; }
+    uint8_t byte() { return at_ < end_ ? *at_++ : 0; }
+    // `count` samples from the input, zeros where it runs out, in a buffer of at least `room`.
+    template <typename Sample>
+    void samples(std::vector<Sample>& out, size_t count, size_t room) {
+        out.assign(std::max(count, room), Sample(0));
+        const size_t bytes = std::min(static_cast<size_t>(end_ - at_), count * sizeof(Sample));
+        std::memcpy(out.data(), at_, bytes);
+        at_ += bytes;
+    }
+
+private:
+    const uint8_t* at_;
+    const uint8_t* end_;
+};
+
+struct Session {
+    SonelAudioSessionType kind;
+    void* handle;
+    unsigned inSize;   // samples per input frame
+    unsigned outSize;  // samples per output frame (NC kinds)
+    unsigned durationMs;
+    uint64_t cleanedMs = 0;
+};
+
+void* create(SonelAudioSessionType kind, SonelAudioSamplingRate in, SonelAudioSamplingRate out,
+             SonelAudioFrameDuration duration) {
+    switch (kind) {
+        case SONEL_AUDIO_SESSION_NC:
+            return sonelAudioNcCreateSession(in, out, duration, kModel);
+        case SONEL_AUDIO_SESSION_NC_WITH_STATS:
+            return sonelAudioNcWithStatsCreateSession(in, out, duration, kModel);
+        case SONEL_AUDIO_SESSION_VAD:
+            return sonelAudioVadCreateSession(in, duration, kModel);
+        case SONEL_AUDIO_SESSION_RINGTONE:
+            return sonelAudioRingtoneCreateSession(in, duration, kModel);
+        case SONEL_AUDIO_SESSION_NOISE_DB:
+            return sonelAudioNoiseDbCreateSession(in, duration, kModel);
+    }
+    return nullptr;
+}
+
+int32_t close(SonelAudioSessionType kind, void* handle) {
+    switch (kind) {
+        case SONEL_AUDIO_SESSION_NC:
+            return sonelAudioNcCloseSession(handle);
+        case SONEL_AUDIO_SESSION_NC_WITH_STATS:
+            return sonelAudioNcWithStatsCloseSession(handle);
+        case SONEL_AUDIO_SESSION_VAD:
+            return sonelAudioVadCloseSession(handle);
+        case SONEL_AUDIO_SESSION_RINGTONE:
+            return sonelAudioRingtoneCloseSession(handle);
+        case SONEL_AUDIO_SESSION_NOISE_DB:
+            return sonelAudioNoiseDbCloseSession(handle);
+    }
+    return SONEL_AUDIO_FAILED;
+}
+
+// The eight clean functions: NC or NC with statistics, 16-bit or float, plain or WithRingtone.
+int32_t clean(SonelAudioSessionType kind, void* session, uint8_t control, const short* in,
+              unsigned inSize, short* out, unsigned outSize, SonelAudioNcFrameInfo* info) {
+    const bool withRingtone = control & 2, ringtone = control & 4;
+    if (kind == SONEL_AUDIO_SESSION_NC_WITH_STATS)
+        return withRingtone ? sonelAudioNcWithStatsCleanAmbientNoiseWithRingtoneInt16(
+                                  session, in, inSize, out, outSize, ringtone, info)
+                            : sonelAudioNcWithStatsCleanAmbientNoiseInt16(session, in, inSize, out,
+                                                                          outSize, info);
+    return withRingtone ? sonelAudioNcCleanAmbientNoiseWithRingtoneInt16(session, in, inSize, out,
+                                                                         outSize, ringtone)
+                        : sonelAudioNcCleanAmbientNoiseInt16(session, in, inSize, out, outSize);
+}
+
+int32_t clean(SonelAudioSessionType kind, void* session, uint8_t control, const float* in,
+              unsigned inSize, float* out, unsigned outSize, SonelAudioNcFrameInfo* info) {
+    const bool withRingtone = control & 2, ringtone = control & 4;
+    if (kind == SONEL_AUDIO_SESSION_NC_WITH_STATS)
+        return withRingtone ? sonelAudioNcWithStatsCleanAmbientNoiseWithRingtoneFloat(
+                                  session, in, inSize, out, outSize, ringtone, info)
+                            : sonelAudioNcWithStatsCleanAmbientNoiseFloat(session, in, inSize, out,
+                                                                          outSize, info);
+    return withRingtone ? sonelAudioNcCleanAmbientNoiseWithRingtoneFloat(session, in, inSize, out,
+                                                                         outSize, ringtone)
+                        : sonelAudioNcCleanAmbientNoiseFloat(session, in, inSize, out, outSize);
+}
+
+float vad(void* session, uint8_t control, const short* frame, unsigned size,
+          SonelAudioBandWidthInfo_t* info) {
+    return control & 2 ? sonelAudioVadFrameInt16Ex(session, frame, size, info)
+                       : sonelAudioVadFrameInt16(session, frame, size);
+}
+float vad(void* session, uint8_t control, const float* frame, unsigned size,
+          SonelAudioBandWidthInfo_t* info) {
+    return control & 2 ? sonelAudioVadFrameFloatEx(session, frame, size, info)
+                       : sonelAudioVadFrameFloat(session, frame, size);
+}
+
+float ringtone(void* session, const short* frame, unsigned size) {
+    return sonelAudioDetectRingtoneFrameInt16(session, frame, size);
+}
+float ringtone(void* session, const float* frame, unsigned size) {
+    return sonelAudioDetectRingtoneFrameFloat(session, frame, size);
+}
+float noiseLevel(void* session, const short* frame, unsigned size) {
+    return sonelAudioNoiseDbFrameInt16(session, frame, size);
+}
+float noiseLevel(void* session, const float* frame, unsigned size) {
+    return sonelAudioNoiseDbFrameFloat(session, frame, size);
+}
+
+unsigned frameEnergy(const short* frame, unsigned size) {
+    return sonelAudioGetFrameEnergyInt16(frame, size);
+}
+unsigned frameEnergy(const float* frame, unsigned size) {
+    return sonelAudioGetFrameEnergyFloat(frame, size);
+}
+
+bool isCode(float result) {
+    return result == -1.0f || result == -2.0f || result == -3.0f || result == -4.0f;
+}
+
+// Every function of a kind other than the session's own must refuse its handle without touching
+// the session, which the frames after this one and the final close then show.
+template <typename Sample>
+void callOtherKinds(const Session& s, std::vector<Sample>& frame) {
+    Sample* data = frame.data();
+    const auto size = static_cast<unsigned>(frame.size());
+    SonelAudioNcFrameInfo info{};
+    const SonelAudioSessionType kinds[] = {
+        SONEL_AUDIO_SESSION_NC, SONEL_AUDIO_SESSION_NC_WITH_STATS, SONEL_AUDIO_SESSION_VAD,
+        SONEL_AUDIO_SESSION_RINGTONE, SONEL_AUDIO_SESSION_NOISE_DB};
+    for (SonelAudioSessionType other : kinds) {
+        if (other == s.kind) continue;
+        switch (other) {
+            case SONEL_AUDIO_SESSION_NC:
+            case SONEL_AUDIO_SESSION_NC_WITH_STATS:
+                for (uint8_t variant : {0, 2})
+                    check(clean(other, s.handle, variant, data, size, data, size, &info) ==
+                              SONEL_AUDIO_WRONG_SESSION,
+                          "clean function accepted a session of another kind");
+                break;
+            case SONEL_AUDIO_SESSION_VAD:
+                check(vad(s.handle, 0, data, size, nullptr) == -4.0f,
+                      "VAD function accepted a session of another kind");
+                break;
+            case SONEL_AUDIO_SESSION_RINGTONE:
+                check(ringtone(s.handle, data, size) == -4.0f,
+                      "ringtone function accepted a session of another kind");
+                break;
+            case SONEL_AUDIO_SESSION_NOISE_DB:
+                check(noiseLevel(s.handle, data, size) == -4.0f,
+                      "noise-level function accepted a session of another kind");
+                check(sonelAudioNoiseDbResetSession(s.handle) != SONEL_AUDIO_OK,
+                      "noise-level reset accepted a session of another kind");
+                break;
+        }
+        check(close(other, s.handle) != SONEL_AUDIO_OK,
+              "close function accepted a session of another kind");
+    }
+    if (s.kind != SONEL_AUDIO_SESSION_NC_WITH_STATS) {
+        SonelAudioNcStats stats{};
+        check(sonelAudioNcWithStatsRetrieveStats(s.handle, &stats) == SONEL_AUDIO_WRONG_SESSION,
+              "statistics of a session of another kind");
+    }
+}
+
+template <typename Sample>
+void frame(Session& s, Input& input, uint8_t control) {
+    const bool inPlace = control & 8, cutShort = control & 16;
+    const bool cleaning =
+        s.kind == SONEL_AUDIO_SESSION_NC || s.kind == SONEL_AUDIO_SESSION_NC_WITH_STATS;
+    std::vector<Sample> in, separate;
+    input.samples(in, s.inSize, cleaning ? s.outSize : 0);
+    const unsigned size = s.inSize - (cutShort ? 1 : 0);
+    check(frameEnergy(in.data(), size) <= 100, "frame energy above 100");
+
+    if (control & 32) callOtherKinds(s, in);
+    if (control & 64) {
+        const bool on = control & 128;
+        if (s.kind == SONEL_AUDIO_SESSION_NOISE_DB)
+            check(sonelAudioNoiseDbResetSession(s.handle) == SONEL_AUDIO_OK, "noise-level reset");
+        else
+            check(sonelAudioNcBackgroundSpeakerFixOnOff(s.handle, on) ==
+                      (s.kind == SONEL_AUDIO_SESSION_NC ? SONEL_AUDIO_OK : SONEL_AUDIO_FAILED),
+                  "background speaker fix switched only on NC sessions");
+    }
+
+    switch (s.kind) {
+        case SONEL_AUDIO_SESSION_NC:
+        case SONEL_AUDIO_SESSION_NC_WITH_STATS: {
+            separate.resize(s.outSize);
+            Sample* out = inPlace ? in.data() : separate.data();
+            SonelAudioNcFrameInfo info{};
+            const int32_t result =
+                clean(s.kind, s.handle, control, in.data(), size, out, s.outSize, &info);
+            if (cutShort) {
+                check(result == SONEL_AUDIO_FAILED, "a frame of the wrong size was not refused");
+                break;
+            }
+            check(result == SONEL_AUDIO_OK, "a frame of the session's size was refused");
+            if constexpr (std::is_same_v<Sample, float>)
+                sonel_fuzz::checkFloatOutput(out, s.outSize);
+            s.cleanedMs += s.durationMs;
+            if (s.kind == SONEL_AUDIO_SESSION_NC_WITH_STATS) {
+                sonel_fuzz::checkFrameInfo(info);
+                sonel_fuzz::checkStats(s.handle, s.cleanedMs);
+            }
+            break;
+        }
+        case SONEL_AUDIO_SESSION_VAD: {
+            SonelAudioBandWidthInfo_t info{0, input.byte() * 10, input.byte() * 10};
+            const float probability = vad(s.handle, control, in.data(), size, &info);
+            check((probability >= 0.0f && probability <= 1.0f) || isCode(probability),
+                  "VAD result neither a probability nor a code");
+            check(info.bandwidthClass >= 0 && info.bandwidthClass <= 3,
+                  "bandwidth class outside 0 ... 3");
+            break;
+        }
+        case SONEL_AUDIO_SESSION_RINGTONE:
+            ringtone(s.handle, in.data(), size);
+            break;
+        case SONEL_AUDIO_SESSION_NOISE_DB:
+            noiseLevel(s.handle, in.data(), size);
+            break;
+    }
+}
+
+}  // namespace
+
+// One small model with every post-processing stage switched on, so frames reach all of them.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    sonel_fuzz::initialise();
+    sonel_test::CleanerModelSpec spec;
+    spec.weightScale = 1.0f;
+    spec.outputBias = 0.0f;
+    SONEL::WEIGHTS::WeightWriter model = sonel_test::cleanerModel(spec);
+    for (const char* stage :
+         {"ENABLE_RESCALE", "ENABLE_CLIP_FIX", "ENABLE_THRESH_CUT", "ENABLE_RM_THRESHOLD",
+          "SMOOT_RM_MODIFY", "HIGH_FREQ_SMOOT", "VOLUME_UP"})
+        model.add(std::string("CONTROL_SONEL_") + stage + "_v0_0_5", std::string("t"));
+    model.add("CONTROL_SONEL_VOLUME_UP_PERCENT_v0_0_5", 20.0f);
+    const std::vector<uint8_t> blob = model.toEnciphered();
+    check(sonelAudioSetModelBlob(blob.data(), static_cast<unsigned>(blob.size()), kModel) ==
+              SONEL_AUDIO_OK,
+          "register the model");
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Input input(data, size);
+    const auto kind = static_cast<SonelAudioSessionType>(1 + input.byte() % 5);
+    const SonelAudioSamplingRate inRate = kRates[input.byte() % std::size(kRates)];
+    const SonelAudioSamplingRate outRate = kRates[input.byte() % std::size(kRates)];
+    const SonelAudioFrameDuration duration = kDurations[input.byte() % std::size(kDurations)];
+    const bool twoRates =
+        kind == SONEL_AUDIO_SESSION_NC || kind == SONEL_AUDIO_SESSION_NC_WITH_STATS;
+
+    Session s{kind, create(kind, inRate, outRate, duration), 0, 0, static_cast<unsigned>(duration)};
+    if (inRate == 22050 || (twoRates && outRate == 22050))
+        check(s.handle == nullptr, "a session at an unsupported rate was made");
+    if (!s.handle) return 0;
+    s.inSize = static_cast<unsigned>(duration) * inRate / 1000;
+    s.outSize = static_cast<unsigned>(duration) * (twoRates ? outRate : inRate) / 1000;
+
+    while (!input.empty()) {
+        const uint8_t control = input.byte();
+        if (control & 1)
+            frame<short>(s, input, control);
+        else
+            frame<float>(s, input, control);
+    }
+    check(close(kind, s.handle) == SONEL_AUDIO_OK, "close the session");
+    return 0;
+}
