@@ -28,7 +28,7 @@ RNNOISE_RATE_HZ = 48000
 # search range below the flush, so the aligned output never reads past what the system produced.
 FLUSH_MS = 100
 MAX_DELAY_MS = 80
-EXAMPLE_ID = "mix-snr+05-000"
+EXAMPLE_ID = "mix-unseen-snr+05-000"
 
 EVAL_DIR = os.path.dirname(os.path.abspath(__file__))
 RNNOISE_DIR = os.path.join(EVAL_DIR, "rnnoise")
@@ -82,7 +82,7 @@ def _write_raw(path, samples):
     np.asarray(samples, dtype="<f4").tofile(path)
 
 
-def materialise(items, data_dir, rate_hz, sets_dir):
+def materialise(items, holdout, rate_hz, sets_dir):
     """Renders the items at rate_hz into sets_dir, skipping those already rendered from the same
     description; returns {id: level set in dBFS}."""
     os.makedirs(sets_dir, exist_ok=True)
@@ -95,7 +95,7 @@ def materialise(items, data_dir, rate_hz, sets_dir):
         path = os.path.join(sets_dir, item["id"] + ".wav")
         if manifest.get(item["id"], {}).get("item") == item and os.path.exists(path):
             continue
-        rendered = testsets.render(item, data_dir, rate_hz)
+        rendered = testsets.render(item, holdout, rate_hz)
         sf.write(path, rendered["input"], rate_hz, subtype="FLOAT")
         if rendered["reference"] is not None and item["set"] == "mix":
             sf.write(os.path.join(sets_dir, item["id"] + "-ref.wav"), rendered["reference"], rate_hz,
@@ -156,15 +156,16 @@ def score_system(system, rate_hz, items, sets_dir, work_dir, tools, examples_dir
             _write_raw(os.path.join(examples_dir, system + ".f32"), output)
             _write_raw(os.path.join(examples_dir, "clean.f32"), reference)
         row = {"rate_hz": rate_hz, "system": system, "set": item["set"], "id": item["id"]}
-        if "snr_db" in item:
-            row["snr_db"] = item["snr_db"]
+        for key in ("snr_db", "group"):
+            if key in item:
+                row[key] = item[key]
         row.update(_scores(item, signal, reference, output, rate_hz))
         rows.append(row)
     shutil.rmtree(out_dir)
     return delay, rows
 
 
-def evaluate(items, data_dir, eval_dir, rates, systems, tools, progress=print):
+def evaluate(items, holdout, eval_dir, rates, systems, tools, progress=print):
     """Scores of every system on every item at every rate, with the delays removed and the
     levels the test sets were rendered at."""
     result = {"rows": [], "delays": {}, "levels": {}}
@@ -172,7 +173,7 @@ def evaluate(items, data_dir, eval_dir, rates, systems, tools, progress=print):
         sets_dir = os.path.join(eval_dir, "sets", str(rate_hz))
         work_dir = os.path.join(eval_dir, "work", str(rate_hz))
         progress("%d Hz: rendering %d test items" % (rate_hz, len(items)))
-        result["levels"][str(rate_hz)] = materialise(items, data_dir, rate_hz, sets_dir)
+        result["levels"][str(rate_hz)] = materialise(items, holdout, rate_hz, sets_dir)
         os.makedirs(os.path.join(work_dir, "in"), exist_ok=True)
         for item in items:
             signal, _ = signals(item, sets_dir)

@@ -2,19 +2,23 @@
 """Sonel's evaluation and benchmark harness: objective quality and speed against RNNoise, WebRTC
 and SpeexDSP.
 
-    sonel_eval.py quality [--build-dir DIR] [--model PATH]... [--rates 48000,16000] [--systems A,B]
-                          [--from-scores]
+    sonel_eval.py quality [--build-dir DIR] [--extra-data DIR] [--model PATH]... [--rates 48000,16000]
+                          [--systems A,B] [--from-scores]
         Renders the test sets from the holdout corpus, runs every system over them, and writes
         docs/quality.md and docs/quality/*.png (--from-scores: from the last run's scores).
     sonel_eval.py smoke [--build-dir DIR] [--model PATH]... [--set-threshold] [--no-build]
-        CI guard: Sonel alone on one mixture per SNR at 48 and 16 kHz (40 s of mixtures per rate);
-        fails when its mean ΔSI-SDR is below tools/eval/smoke_threshold.json's threshold.
-        --set-threshold records a new threshold from the current model instead.
+        CI guard: Sonel alone on one mixture per SNR and noise group at 48 and 16 kHz (80 s of
+        mixtures per rate), from the in-tree corpus alone; fails when its mean ΔSI-SDR is below
+        tools/eval/smoke_threshold.json's threshold. --set-threshold records a new threshold from
+        the current model instead.
     sonel_eval.py speed [--build-dir DIR] [--model PATH]...
         Google Benchmark targets and the whole-stream benchmark; writes its section of
         docs/benchmarks.md.
-    sonel_eval.py sets [--build-dir DIR]
+    sonel_eval.py sets [--build-dir DIR] [--extra-data DIR]
         Only renders the test sets (BUILD/eval/sets/RATE/).
+
+--extra-data (default: $SONEL_EXTRA_DATA) is the folder ../shared/data/debian/fetch.sh filled from
+Debian packages; its holdout recordings join the in-tree ones.
 
 Sonel runs with every shipped model registered (models/sonel-nc-*.vlw), so each stream gets the
 model for its rate; while none exists, an untrained stand-in is written to
@@ -51,7 +55,8 @@ DEFAULT_DATA = os.path.join(os.path.dirname(REPO), "shared", "data")
 RATES = (48000, 16000)
 STAND_IN_LABEL = "untrained stand-in"
 THRESHOLD_FILE = os.path.join(EVAL_DIR, "smoke_threshold.json")
-# One mixture per SNR and one clean-only item (for the delay) at each rate: 95 s of audio in all.
+# One mixture per SNR and noise group and one clean-only item (for the delay) at each rate: 175 s
+# of audio in all.
 SMOKE_PLAN = {"mixtures_per_snr": 1, "noise_items": 0, "clean_items": 1}
 # The guard trips this far below the score the current model had when the threshold was set:
 # far above run-to-run and machine-to-machine rounding (the smoke run is deterministic; BLAS
@@ -108,26 +113,30 @@ def command_line(argv):
 
 
 def run_quality(args, argv):
-    items = testsets.plan(args.data_dir)
     scores = os.path.join(args.build_dir, "eval", "scores.json")
     started = time.time()
     if args.from_scores:
         with open(scores, encoding="utf-8") as source:
             result = json.load(source)
-        model, command = result.pop("model"), result.pop("command")
+        # The page describes the plan the scores were made on, whatever the extra folder now.
+        model, command, extra_data = result.pop("model"), result.pop("command"), result.pop("extra_data")
+        holdout = testsets.Holdout(args.data_dir, extra_data)
+        items = testsets.plan(holdout)
     else:
+        holdout = testsets.Holdout(args.data_dir, args.extra_data)
+        items = testsets.plan(holdout)
         ensure_built(args.build_dir, ["sonel-eval-run"], args.build)
         model = resolve_models(args.model, args.build_dir)
         tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["files"])
-        result = evaluate.evaluate(items, args.data_dir, os.path.join(args.build_dir, "eval"), args.rates,
+        result = evaluate.evaluate(items, holdout, os.path.join(args.build_dir, "eval"), args.rates,
                                    args.systems, tools)
         command = command_line(argv)
         with open(scores, "w", encoding="utf-8") as out:
-            json.dump(dict(result, model=model, command=command), out)
+            json.dump(dict(result, model=model, command=command, extra_data=args.extra_data), out)
     docs = os.path.join(REPO, "docs")
     report.plots(result, os.path.join(args.build_dir, "eval"), docs, model)
     with open(os.path.join(docs, "quality.md"), "w", encoding="utf-8") as out:
-        out.write(report.markdown(result, items, model, command, machine()))
+        out.write(report.markdown(result, items, holdout, model, command, machine()))
     print("docs/quality.md written (%.0f s)" % (time.time() - started))
     return 0
 
@@ -142,8 +151,11 @@ def run_smoke(args, argv):
     ensure_built(args.build_dir, ["sonel-eval-run"], args.build)
     model = resolve_models(args.model, args.build_dir)
     tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["files"])
-    items = testsets.plan(args.data_dir, **SMOKE_PLAN)
-    result = evaluate.evaluate(items, args.data_dir, os.path.join(args.build_dir, "eval", "smoke"), RATES,
+    # The in-tree corpus alone, extra folder or not: the threshold belongs to one set, the one CI
+    # can render.
+    holdout = testsets.Holdout(args.data_dir)
+    items = testsets.plan(holdout, **SMOKE_PLAN)
+    result = evaluate.evaluate(items, holdout, os.path.join(args.build_dir, "eval", "smoke"), RATES,
                                (evaluate.SONEL,), tools, progress=lambda text: None)
     deltas = [r["si_sdr"] - r["si_sdr_in"] for r in result["rows"] if r["set"] == "mix"]
     mean = float(np.mean(deltas))
@@ -183,10 +195,11 @@ def check_threshold(record, model, mean_db):
 
 
 def run_sets(args, argv):
-    items = testsets.plan(args.data_dir)
+    holdout = testsets.Holdout(args.data_dir, args.extra_data)
+    items = testsets.plan(holdout)
     for rate in args.rates:
         sets_dir = os.path.join(args.build_dir, "eval", "sets", str(rate))
-        evaluate.materialise(items, args.data_dir, rate, sets_dir)
+        evaluate.materialise(items, holdout, rate, sets_dir)
     return 0
 
 
@@ -212,6 +225,10 @@ def main(argv=None):
         sub.add_argument("--no-build", dest="build", action="store_false",
                          help="use the build folder as it is")
         if name in ("quality", "sets"):
+            sub.add_argument("--extra-data", type=os.path.abspath,
+                             default=os.environ.get(testsets.EXTRA_DATA_ENV) or None,
+                             help="output folder of ../shared/data/debian/fetch.sh, whose holdout joins "
+                                  "the corpus's (default: $%s; none when unset)" % testsets.EXTRA_DATA_ENV)
             sub.add_argument("--rates", type=lambda s: [int(r) for r in s.split(",")], default=list(RATES))
         if name == "quality":
             sub.add_argument("--systems", type=lambda s: s.split(","), default=list(evaluate.SYSTEMS))
