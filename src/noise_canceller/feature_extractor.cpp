@@ -36,7 +36,9 @@ FrontEndParams FrontEndParams::read(const WEIGHTS::Weight& weight) {
     p.sd = weight.get<std::vector<float>>("SD");
     p.logEpsilon = weight.get<float>("LogPowerEpsilon");
     require(p.sampleRate >= 8000 && p.sampleRate <= 96000, "SampleRate outside 8000 ... 96000");
-    require(p.step > 0 && p.frameLength == 2 * p.step, "FrameLength must be twice Step");
+    // Step is bounded first: twice a Step near 2^31 wraps to a small FrameLength.
+    require(p.step > 0 && p.step <= kMaxFrameLength / 2 && p.frameLength == 2 * p.step,
+            "FrameLength must be twice Step");
     // Every buffer of a session is sized from FrameLength; 8192 is 85 ms at the highest rate.
     require(p.frameLength <= kMaxFrameLength, "FrameLength above " + std::to_string(kMaxFrameLength));
     require(p.filtrBegin <= p.filtrEnd && p.filtrEnd <= p.frameLength / 2,

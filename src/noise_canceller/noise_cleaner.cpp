@@ -111,7 +111,7 @@ void NoiseCleaner::predictBandwidth(std::vector<float>& frame, SonelAudioFrameDu
 }
 
 void NoiseCleaner::voiceStatsUpdate(double energy, unsigned long frameDurationMs) {
-    voiceSum_ += energy;
+    voiceSum_ += std::isfinite(energy) ? energy : 0.0;  // as in noiseStatsUpdate
     ++voiceFrames_;
     if (statsAccumulationCount <= 0 || voiceFrames_ % statsAccumulationCount != 0) return;
     const auto average = static_cast<int64_t>(voiceSum_ / statsAccumulationCount);
@@ -128,7 +128,8 @@ void NoiseCleaner::voiceStatsUpdate(double energy, unsigned long frameDurationMs
 }
 
 void NoiseCleaner::noiseStatsUpdate(double level, unsigned long frameDurationMs) {
-    noiseSum_ += level;
+    // The averages are converted to integers; a level that is not a number counts as 0.
+    noiseSum_ += std::isfinite(level) ? level : 0.0;
     ++noiseFrames_;
     if (statsAccumulationCount <= 0 || noiseFrames_ % statsAccumulationCount != 0) return;
     const auto average = static_cast<int64_t>(noiseSum_ / statsAccumulationCount);

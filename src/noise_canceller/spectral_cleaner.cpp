@@ -135,6 +135,9 @@ bool SpectralCleaner::mainCleaner(const float* block, std::vector<float>& out,
         std::fill(bandGains_.begin(), bandGains_.end(), 1.0f);
     else
         computeBandGains(features_.networkInput(), bandGains_);
+    // Finite weights can still overflow (a product of two 1e30s): a gain that is not a number
+    // closes its band rather than turning the output and the frame's levels into NaN.
+    for (float& g : bandGains_) g = g >= 0.0f ? std::min(g, 1.0f) : 0.0f;
 
     std::fill(binGains_.begin(), binGains_.end(), 0.0f);
     features_.bands().expand(bandGains_.data(), binGains_.data() + frontEnd_.filtrBegin);
