@@ -77,12 +77,12 @@ inline SonelAudioSamplingRate modelRate(const char* name) {
     return SONEL_AUDIO_RATE_16000;
 }
 
-// What a host does with a model it registered: an NC session at the model's own rate with float
-// frames, and an NC session with statistics taking 48 kHz in and giving the model's rate out with
-// 16-bit frames, a few frames each (one resampler: opening one costs more than everything else
-// an input does). The second frame is at full scale (the clip paths), the third silent (the
-// energy gate). Creation may refuse a model; a session once made must clean every frame of the
-// right size to valid output.
+// What a host does with a model it registered: an NC session with float frames and an NC session
+// with statistics with 16-bit frames, both at the model's own rate, a few frames each. The
+// second frame is at full scale (the clip paths), the third silent (the energy gate). No
+// resampler: opening one costs more than everything else an input does (its filter tables), the
+// model plays no part in it, and clean_frames drives every rate pair. Creation may refuse a
+// model; a session once made must clean every frame of the right size to valid output.
 inline void cleanWithModel(const char* name) {
     constexpr unsigned kFrames = 4;
     const SonelAudioSamplingRate rate = modelRate(name);
@@ -102,17 +102,16 @@ inline void cleanWithModel(const char* name) {
         }
         check(sonelAudioNcCloseSession(nc) == SONEL_AUDIO_OK, "close NC session");
     }
-    if (void* stats = sonelAudioNcWithStatsCreateSession(SONEL_AUDIO_RATE_48000, rate,
-                                                         SONEL_AUDIO_FRAME_10MS, name)) {
-        const std::vector<float> signal = testSignal(kFrames * 480, 48000);
-        std::vector<short> in(480), out(size);
+    if (void* stats = sonelAudioNcWithStatsCreateSession(rate, rate, SONEL_AUDIO_FRAME_10MS, name)) {
+        const std::vector<float> signal = testSignal(kFrames * size, rate);
+        std::vector<short> in(size), out(size);
         for (unsigned f = 0; f < kFrames; ++f) {
             for (size_t i = 0; i < in.size(); ++i)
-                in[i] = static_cast<short>(signal[f * 480 + i] * (f == 1 ? 32767 : 8000));
+                in[i] = static_cast<short>(signal[f * size + i] * (f == 1 ? 32767 : 8000));
             SonelAudioNcFrameInfo info{};
-            check(sonelAudioNcWithStatsCleanAmbientNoiseInt16(stats, in.data(), 480, out.data(),
+            check(sonelAudioNcWithStatsCleanAmbientNoiseInt16(stats, in.data(), size, out.data(),
                                                               size, &info) == SONEL_AUDIO_OK,
-                  "NC session with statistics refused a 48 kHz 16-bit frame");
+                  "NC session with statistics refused a 16-bit frame at the model's rate");
             checkFrameInfo(info);
         }
         checkStats(stats, kFrames * 10);

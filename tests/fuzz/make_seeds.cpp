@@ -199,7 +199,9 @@ int main(int argc, char** argv) {
     write(cfg / "fuzz-weight-shipped-16k-small-network.cfg",
           concat({text("WEIGHT fuzz.vlw\n" + tuning), nul, seeds[2].second.toStream()}));
 
-    // Kinds 0 NC, 1 NC with statistics, 2 VAD, 3 ringtone, 4 noise level; rates are indices into
+    // Kinds 0 NC, 1 NC with statistics, 2 VAD, 3 ringtone, 4 noise level, modulo 5 (from 0xF0 up:
+    // closed after the input, otherwise kept for the next input of its configuration); rates are
+    // indices into
     // 8000, 16000, 24000, 32000, 44100, 48000, 88200, 96000, 22050; durations into 10 ... 40, 25.
     const float nan = std::nanf(""), inf = INFINITY, huge = 3.0e38f;
     const std::filesystem::path frames = out / "clean_frames";
@@ -222,7 +224,7 @@ int main(int argc, char** argv) {
                                               .bytes);
     write(frames / "nc-16k-40ms",
           FrameSeed(0, 1, 1, 3).frame(0, 640, 16000).frame(1, 640, 16000).bytes);
-    write(frames / "nc-8k-to-96k-non-finite", FrameSeed(0, 0, 7, 0)
+    write(frames / "nc-8k-to-96k-non-finite", FrameSeed(0xF0, 0, 7, 0)
                                                   .frame(0, 80, 8000, {nan, inf, -inf, huge, -huge})
                                                   .frame(0, 80, 8000)
                                                   .bytes);

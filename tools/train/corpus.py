@@ -19,7 +19,7 @@ from pathlib import Path
 
 import numpy as np
 import soundfile
-from scipy.signal import resample_poly
+from scipy.signal import butter, resample_poly, sosfiltfilt
 
 SPEECH_BANDWIDTH_HZ = {"ravdess": 24000.0, "so762": 8000.0, "tuxpaint": 22050.0}
 # Noise recordings that are music (a call's background music is noise to remove): named apart so
@@ -29,7 +29,11 @@ EXTRA_DATA_ENV = "SONEL_EXTRA_DATA"
 # Activity: 10 ms frames within 40 dB of the file's loudest frame. Both corpora keep their
 # leading and trailing pauses (RAVDESS about 1 s of studio tone at each end).
 ACTIVITY_RANGE_DB = 40.0
-CACHE_VERSION = 2
+# Speech below this is a recording's DC offset and rumble, not voice (some Tux Paint clips carry an
+# offset of a tenth of their RMS and a few per cent of their energy under 80 Hz): kept, the target
+# would teach the network to pass the lowest bands as speech.
+SPEECH_HIGH_PASS_HZ = 40.0
+CACHE_VERSION = 3
 
 
 def speech_group(name):
@@ -40,9 +44,13 @@ def speech_group(name):
 
 
 def _decode(job):
-    path, rate = job
+    path, rate, high_pass = job
     audio, source_rate = soundfile.read(path, dtype="float32", always_2d=True)
     audio = audio.mean(axis=1)
+    if high_pass and len(audio) > 64:
+        # Zero phase, so the clean target stays aligned with what the mixture is made of.
+        sos = butter(2, SPEECH_HIGH_PASS_HZ, btype="highpass", fs=source_rate, output="sos")
+        audio = sosfiltfilt(sos, audio).astype(np.float32)
     if source_rate != rate:
         g = math.gcd(source_rate, rate)
         audio = resample_poly(audio, rate // g, source_rate // g).astype(np.float32)
@@ -128,7 +136,7 @@ def build(roots, rate, folder, workers):
                             if p.suffix in (".flac", ".ogg")), key=lambda p: p.name)
             items, offset = [], 0
             with open(folder / (kind + ".f32.tmp"), "wb") as out:
-                for path, audio in zip(paths, pool.imap(_decode, [(str(p), rate) for p in paths])):
+                for path, audio in zip(paths, pool.imap(_decode, [(str(p), rate, kind == "speech") for p in paths])):
                     item = {"name": path.name, "offset": offset, "length": len(audio)}
                     if kind == "speech":
                         group = speech_group(path.name)
