@@ -222,14 +222,14 @@ int runDenoise(const Args& args) {
     const bool showProgress = isatty(STDERR_FILENO) && length > static_cast<size_t>(info.samplerate) * 10;
     std::vector<float> cleaned(length * channels, 0.0f);
     std::vector<float> frameIn(frame), out(frame);
-    std::vector<std::vector<float>> streams(channels);
     size_t nonFiniteOut = 0;
     const auto start = std::chrono::steady_clock::now();
-    size_t delay = 0;
     for (size_t c = 0; c < channels; ++c) {
         auto* session = static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(sessions[c]);
-        std::vector<float>& stream = streams[c];
-        for (size_t pos = 0; pos == 0 || stream.size() < length + delay; pos += frame) {
+        // Output sample `produced` of the stream is input sample `produced - delay`: written
+        // straight to its place, so memory stays one copy of the file whatever its length.
+        size_t delay = 0, produced = 0;
+        for (size_t pos = 0; pos == 0 || produced < length + delay; pos += frame) {
             for (unsigned i = 0; i < frame; ++i)
                 frameIn[i] = pos + i < length ? interleaved[(pos + i) * channels + c] : 0.0f;
             SonelAudioNcFrameInfo frameInfo;
@@ -237,18 +237,17 @@ int runDenoise(const Args& args) {
                 withStats ? sonelAudioNcWithStatsCleanAmbientNoiseFloat(session, frameIn.data(), frame, out.data(), frame, &frameInfo)
                           : sonelAudioNcCleanAmbientNoiseFloat(session, frameIn.data(), frame, out.data(), frame);
             if (result != SONEL_AUDIO_OK) return reportError("cleaning failed at sample " + std::to_string(pos));
-            stream.insert(stream.end(), out.begin(), out.end());
             if (pos == 0) delay = static_cast<size_t>(std::lround(session->latencySamples()));
+            // Non-finite output would pass into a float file as it is and into a PCM one as
+            // full-scale clicks; silence is the least harmful stand-in.
+            for (unsigned i = 0; i < frame; ++i, ++produced) {
+                if (produced < delay || produced - delay >= length) continue;
+                const bool finite = std::isfinite(out[i]);
+                nonFiniteOut += finite ? 0 : 1;
+                cleaned[(produced - delay) * channels + c] = finite ? out[i] : 0.0f;
+            }
             if (showProgress && (pos / frame) % 100 == 0)
                 printProgress((static_cast<double>(c) + std::min(1.0, static_cast<double>(pos) / length)) / channels);
-        }
-        // Non-finite output would pass into a float file as it is and into a PCM one as full-scale
-        // clicks; silence is the least harmful stand-in.
-        for (size_t i = 0; i < length; ++i) {
-            const float sample = stream[i + delay];
-            const bool finite = std::isfinite(sample);
-            nonFiniteOut += finite ? 0 : 1;
-            cleaned[i * channels + c] = finite ? sample : 0.0f;
         }
     }
     if (nonFiniteOut > 0)
