@@ -6,6 +6,8 @@ packages=(
   build-essential cmake pkg-config git
   libblis-serial-dev libkissfft-dev libresample1-dev libsndfile1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  # The Objective-C filter object (host/) on GNUstep's Foundation, built and tested by default.
+  gobjc gobjc++ libgnustep-base-dev gnustep-make
   # libFuzzer and the sanitizer runtimes for clang (tools/run-fuzz.sh).
   clang libclang-rt-14-dev
   python3 python3-numpy python3-scipy python3-soundfile
