@@ -11,7 +11,7 @@
  * every 10 ms block (floats in the 16-bit range, bands of 160 samples, cleaned in place). Calls on
  * one filter must come from one thread at a time; different filters may run on different threads.
  *
- * Manual reference counting (no ARC), as the library is built.
+ * The library is built with manual reference counting; a host may use either.
  */
 #ifndef SONEL_NOISE_FILTER_H
 #define SONEL_NOISE_FILTER_H

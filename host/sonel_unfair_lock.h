@@ -14,9 +14,7 @@
 typedef os_unfair_lock SonelUnfairLock;
 #define SONEL_UNFAIR_LOCK_INIT OS_UNFAIR_LOCK_INIT
 
-static inline void sonelUnfairLockInit(SonelUnfairLock* lock) {
-    *lock = (os_unfair_lock)OS_UNFAIR_LOCK_INIT;
-}
+static inline void sonelUnfairLockInit(SonelUnfairLock* lock) { *lock = OS_UNFAIR_LOCK_INIT; }
 static inline void sonelUnfairLockDestroy(SonelUnfairLock* lock) { (void)lock; }
 static inline void sonelUnfairLockLock(SonelUnfairLock* lock) { os_unfair_lock_lock(lock); }
 static inline void sonelUnfairLockUnlock(SonelUnfairLock* lock) { os_unfair_lock_unlock(lock); }

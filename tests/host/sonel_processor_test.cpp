@@ -79,6 +79,20 @@ unsigned sessionFrame(const SonelProcessor& p) {
     return static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(p.session())->inputFrameSize();
 }
 
+// Hands `p` ten blocks of `bands` x 160 samples that say `frames` frames each, and checks every one
+// against a stream just opened on the C interface at `sessionRate`.
+void expectCleanedAsAFreshStream(SonelProcessor& p, int bands, int frames, int sessionRate) {
+    ReferenceStream reference(sessionRate);
+    const size_t n = static_cast<size_t>(bands) * 160;
+    const std::vector<float> signal = hostSignal(n * 10, sessionRate, 11);
+    for (size_t start = 0; start < signal.size(); start += n) {
+        std::vector<float> ours(signal.begin() + start, signal.begin() + start + n), theirs = ours;
+        p.Process(bands, frames, static_cast<int>(n), ours.data());
+        reference.clean(theirs.data());
+        ASSERT_EQ(ours, theirs) << "block at " << start;
+    }
+}
+
 }  // namespace
 
 TEST(SonelProcessor, GlobalInitFromFileOrBlobReportsInTheLog) {
@@ -163,14 +177,7 @@ TEST(SonelProcessor, BlockSizeSetsTheRateAndMismatchedBandsPassThrough) {
 
     // Blocks of 480 frames switch to a fresh 48 kHz session, cleaned exactly like a new stream.
     log.clear();
-    ReferenceStream reference(48000);
-    const std::vector<float> signal = hostSignal(480 * 20, 48000, 11);
-    for (size_t start = 0; start < signal.size(); start += 480) {
-        std::vector<float> ours(signal.begin() + start, signal.begin() + start + 480), theirs = ours;
-        p.Process(3, 480, 480, ours.data());
-        reference.clean(theirs.data());
-        ASSERT_EQ(ours, theirs) << "block at " << start;
-    }
+    expectCleanedAsAFreshStream(p, 3, 480, 48000);
     EXPECT_EQ(sessionFrame(p), 480u);
     EXPECT_TRUE(log.lines().empty());
 }
@@ -193,14 +200,7 @@ TEST(SonelProcessor, UnsupportedRateRunsAt48kAndKeepsTheHostRate) {
     // (again at 48 kHz), after which the rate holds, nothing more is logged, and three bands fill
     // the 48 kHz frame, cleaned as a fresh 48 kHz stream.
     log.clear();
-    ReferenceStream reference(48000);
-    const std::vector<float> signal = hostSignal(480 * 10, 48000);
-    for (size_t start = 0; start < signal.size(); start += 480) {
-        std::vector<float> ours(signal.begin() + start, signal.begin() + start + 480), theirs = ours;
-        p.Process(3, 220, 480, ours.data());
-        reference.clean(theirs.data());
-        ASSERT_EQ(ours, theirs) << "block at " << start;
-    }
+    expectCleanedAsAFreshStream(p, 3, 220, 48000);
     EXPECT_EQ(p.sampleRate(), 22000);
     EXPECT_EQ(log.lines(), std::vector<std::string>{"SONEL-CIT: The input sampling rate: 22000              is "
                                                     "not supported. Using default 48khz."});

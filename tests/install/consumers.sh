@@ -23,3 +23,12 @@ CMAKE
 cmake -S "$prefix/cmake-consumer" -B "$prefix/cmake-consumer/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$prefix/cmake-consumer/build" >/dev/null
 [ "$("$prefix/cmake-consumer/build/by-find-package")" = 7.0.1.40 ]
+# Where the filter object is built: the bridge header compiles as C++, and a plain Objective-C host
+# builds against the installed headers and library.
+if [ -e "$prefix/include/sonel_noise_filter.h" ]; then
+  echo '#include <sonel_processor.h>' | c++ -std=c++17 -fsyntax-only -I"$prefix/include" -x c++ -
+  gcc -std=gnu11 $(gnustep-config --objc-flags | sed 's/-MMD -MP//') -I"$prefix/include" \
+     "$source/filter_consumer.m" -o "$prefix/filter-consumer" \
+     -L"$prefix/lib" -lsonel-audio-sdk -Wl,-rpath,"$prefix/lib" $(gnustep-config --base-libs)
+  [ "$("$prefix/filter-consumer")" = 7.0.1.40 ]
+fi
