@@ -120,6 +120,10 @@ void SonelProcessor::Process(int bands, int frames, int /*bufferSize*/, float* b
         hostLog("SONEL-CIT: Session creation failed");
         return;
     }
+    if (!buffer) {
+        hostLog("SONEL-CIT: Sonel noise cleanup error");
+        return;
+    }
     try {
         const size_t n = bands > 0 ? static_cast<size_t>(bands) * kBandSamples : 0;
         m_input.resize(n);
