@@ -70,6 +70,19 @@ class MixtureBandwidthTest(unittest.TestCase):
         # Full-band talkers cut to a narrow band, with the noise reaching above the cut.
         self.assertGreater(talker_cut_over_wider_noise, 5)
 
+    def test_a_16k_model_still_mixes_full_band_and_8k_talkers(self):
+        # At 16 kHz the cache records every talker's bandwidth as 8 kHz; the full-band readers
+        # must still be drawn as such (a run once found no full-band group and stopped).
+        rng = np.random.default_rng(4)
+        corpus = WhiteCorpus(rng)
+        corpus.rate = 16000
+        for item in corpus.speech_items:
+            item["bandwidth"] = min(item["bandwidth"], 8000.0)
+        mixer = mixing.Mixer(corpus, seconds=1.0)
+        self.assertEqual((mixer.full_band, mixer.narrow_band), (["ravdess"], ["so762"]))
+        kinds = {mixer(rng).kind for _ in range(40)}
+        self.assertIn("noisy", kinds)
+
     def test_speed_perturbation_moves_the_band_edge_with_the_voice(self):
         rng = np.random.default_rng(5)
         mixer = mixing.Mixer(WhiteCorpus(rng), seconds=1.0, speed=0.1)

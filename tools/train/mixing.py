@@ -8,7 +8,7 @@ from dataclasses import dataclass
 import numpy as np
 from scipy.signal import butter, fftconvolve, lfilter, resample_poly, sosfilt
 
-from corpus import ACTIVITY_RANGE_DB
+from corpus import ACTIVITY_RANGE_DB, SPEECH_BANDWIDTH_HZ
 
 FULL_SCALE = 32768.0
 SNR_DB = (-5.0, 25.0)
@@ -232,7 +232,9 @@ class Mixer:
         self.groups = {}
         for item in corpus.speech_items:
             self.groups.setdefault(item["group"], []).append(item)
-        self.full_band = sorted(g for g, items in self.groups.items() if items[0]["bandwidth"] > 8000.0)
+        # By what the recordings hold, not what is left of it at this rate: at 16 kHz every group
+        # ends at 8 kHz, but the 8 kHz recordings still stand apart from the full-band readers.
+        self.full_band = sorted(g for g in self.groups if SPEECH_BANDWIDTH_HZ[g] > 8000.0)
         self.narrow_band = sorted(g for g in self.groups if g not in self.full_band)
         self.noise_draw = noise_weights(corpus.noise_items, self.rate, music)
         self.families = {}
