@@ -83,6 +83,20 @@ class MixtureBandwidthTest(unittest.TestCase):
         kinds = {mixer(rng).kind for _ in range(40)}
         self.assertIn("noisy", kinds)
 
+    def test_a_silent_noise_recording_is_never_the_noise_of_a_mixture(self):
+        # A soundtrack's "silence" track is digital silence: scaled to an SNR it made NaN.
+        rng = np.random.default_rng(8)
+        corpus = WhiteCorpus(rng)
+        corpus.noise = [np.zeros(20 * RATE), rng.standard_normal(2 * RATE)]
+        corpus.noise_items = [{"name": "music_silence.flac", "length": 20 * RATE, "index": 0, "music": True},
+                              {"name": "white_00.flac", "length": 2 * RATE, "index": 1}]
+        mixer = mixing.Mixer(corpus, seconds=1.0, music=0.5)
+        for _ in range(40):
+            mix = mixer(rng)
+            self.assertTrue(np.all(np.isfinite(mix.noisy)))
+            if mix.kind != "clean":
+                self.assertGreater(np.mean((mix.noisy - mix.target) ** 2), 0.0)
+
     def test_speed_perturbation_moves_the_band_edge_with_the_voice(self):
         rng = np.random.default_rng(5)
         mixer = mixing.Mixer(WhiteCorpus(rng), seconds=1.0, speed=0.1)

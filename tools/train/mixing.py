@@ -75,6 +75,9 @@ P_MUSIC = 0.15
 # noise is then a random scatter of clips of the same family, at a random rate per second, each
 # up to EVENT_GAIN_DB quieter than the loudest.
 EVENT_S = 2.0
+# Mean square (full scale 1) below which a drawn noise stretch counts as digital silence (-100 dBFS).
+SILENT_NOISE_POWER = 1e-10
+SILENT_NOISE_TRIES = 64
 EVENT_RATE_HZ = (0.5, 6.0)
 EVENT_GAIN_DB = 10.0
 # Clipping (`--clipping P`): the mixture driven this far above full scale and clipped there.
@@ -286,12 +289,21 @@ class Mixer:
         return out
 
     def _one_noise(self, rng):
+        # A stretch of digital silence (some recordings hold one, and a file whose sound lies
+        # above the model's band is silent at its rate) is no noise: it is drawn again.
+        for _ in range(SILENT_NOISE_TRIES):
+            out = self._noise_draw(rng)
+            power = np.mean(out ** 2)
+            if power > SILENT_NOISE_POWER:
+                break
+        return out / np.sqrt(power + 1e-12)
+
+    def _noise_draw(self, rng):
         items = self.corpus.noise_items
         index = int(np.searchsorted(self.noise_draw, rng.random() * self.noise_draw[-1], side="right"))
         item = items[min(index, len(items) - 1)]
         if item["length"] < EVENT_S * self.rate:
-            out = self._events(rng, self.families[family(item["name"])])
-            return out / np.sqrt(np.mean(out ** 2) + 1e-12)
+            return self._events(rng, self.families[family(item["name"])])
         audio = self.corpus.noise_audio(item)
         fade = int(LOOP_FADE_S * self.rate)
         start = int(rng.integers(0, item["length"] - fade))
@@ -303,7 +315,7 @@ class Mixer:
             out = sosfilt(microphone(rng, self.rate), resample_poly(source, SPEED_STEPS, steps)[:self.length])
         else:
             out = looped(audio, self.length, start, fade)
-        return out / np.sqrt(np.mean(out ** 2) + 1e-12)
+        return out
 
     def _noise(self, rng):
         noise = self._one_noise(rng)
@@ -349,7 +361,8 @@ class Mixer:
         snr = float("nan")
         if kind == "noisy":
             snr = rng.uniform(*SNR_DB)
-            noise *= np.sqrt(active_power(wet, rate) / 10 ** (snr / 10) / np.mean(noise ** 2))
+            # The floor keeps a noise that the band limit left (almost) nothing of finite.
+            noise *= np.sqrt(active_power(wet, rate) / 10 ** (snr / 10) / (np.mean(noise ** 2) + 1e-20))
         mix = wet + noise
         # Without these shares no number is drawn, so runs from before them see the same mixtures.
         if self.codec and rng.random() < self.codec:
@@ -357,7 +370,7 @@ class Mixer:
             bandwidth = min(bandwidth, cutoff)
         # The level is that of the mixture where speech is active (all of it without speech).
         level = active_power(wet, rate) + np.mean(noise ** 2) if kind != "noise" else np.mean(noise ** 2)
-        gain = FULL_SCALE * 10 ** (rng.uniform(*LEVEL_DBFS) / 20) / np.sqrt(level)
+        gain = FULL_SCALE * 10 ** (rng.uniform(*LEVEL_DBFS) / 20) / np.sqrt(level + 1e-20)
         full_scale_gain = (FULL_SCALE - 1) / max(np.abs(mix).max(), 1e-12)
         gain = min(gain, full_scale_gain)
         if self.clipping and rng.random() < self.clipping:
