@@ -77,6 +77,8 @@ void BM_ResampleFrame(benchmark::State& state) {
 BENCHMARK(BM_ResampleFrame)
     ->ArgNames({"in", "out"})
     ->Args({48000, 16000})
-    ->Args({48000, 32000});
+    ->Args({48000, 32000})
+    ->Args({16000, 48000})
+    ->Args({32000, 48000});
 
 }  // namespace
