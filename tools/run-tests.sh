@@ -15,8 +15,9 @@ cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DSONEL_SANITIZE=ON -DSONEL_BU
 cmake --build build-asan -j"$jobs"
 # Every program that loads the shared library loads the Objective-C runtime with its filter object;
 # the runtime's own tables, never freed, are excused (tests/host/objc-runtime.supp).
+suppressions="$PWD/tests/host/objc-runtime.supp"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
-   LSAN_OPTIONS=suppressions="$PWD/tests/host/objc-runtime.supp" \
+   LSAN_OPTIONS=suppressions="$suppressions" \
    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j"$jobs")
 
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSONEL_SANITIZE_THREAD=ON -DSONEL_BUILD_BENCH=OFF
