@@ -50,14 +50,6 @@ SonelAudioSessionT::SonelAudioSessionT(SonelAudioSamplingRate inputRate,
 
     const unsigned modelRate = cleaner_->sampleRate();
     const unsigned modelFrameSize = getSampleCount(durationMs_, modelRate);
-    if (modelFrameSize != inputFrameSize_)
-        inputResampler_ = std::make_unique<UTILS::Resampler>(inputFrameSize_, modelFrameSize);
-    // A detector's result is one value read from its vector, so its output side stays at the
-    // model's rate.
-    const unsigned callerOutputSize =
-        getSampleCount(durationMs_, vad ? modelRate : static_cast<unsigned>(outputRate));
-    if (modelFrameSize != callerOutputSize)
-        outputResampler_ = std::make_unique<UTILS::Resampler>(modelFrameSize, callerOutputSize);
 
     // A cleaner works in whole hops; a frame that is not a whole number of them would be handed
     // back with part of its last hop not yet overlap-added.
@@ -73,6 +65,17 @@ SonelAudioSessionT::SonelAudioSessionT(SonelAudioSamplingRate inputRate,
     if (!sameRates && durationMs_ != 10)
         throw SonelException("RESAMPLER WORKS WITH WRONG FRAMEDURATION ", kSessionFile, 76,
                              "SonelAudioSessionT");
+
+    // The converters are built only for a session that will run: their filter tables take longer
+    // to compute than everything else a session is made of.
+    if (modelFrameSize != inputFrameSize_)
+        inputResampler_ = std::make_unique<UTILS::Resampler>(inputFrameSize_, modelFrameSize);
+    // A detector's result is one value read from its vector, so its output side stays at the
+    // model's rate.
+    const unsigned callerOutputSize =
+        getSampleCount(durationMs_, vad ? modelRate : static_cast<unsigned>(outputRate));
+    if (modelFrameSize != callerOutputSize)
+        outputResampler_ = std::make_unique<UTILS::Resampler>(modelFrameSize, callerOutputSize);
 
     const size_t largest = std::max({inputFrameSize_, outputFrameSize_, modelFrameSize});
     frame_.reserve(largest);
