@@ -165,6 +165,12 @@ class CleanerNetwork(torch.nn.Module):
         `analysed` (batch, blocks) is False where the energy gate froze the block: there the state
         is kept, as the cleaner keeps it, and the gains are meaningless. Returns the gains and
         the state after the last block."""
+        x, state = self.hidden_layers(features, analysed, state)
+        return torch.sigmoid(torch.nn.functional.linear(x, self.out_w, self.out_b)), state
+
+    def hidden_layers(self, features, analysed, state=None):
+        """The last hidden layer's output (batch, blocks, width) and the state after the last
+        block."""
         batch, blocks, _ = features.shape
         h0 = self.state_size
         if state is None:
@@ -188,7 +194,7 @@ class CleanerNetwork(torch.nn.Module):
             a = torch.nn.functional.linear(x, a_w, a_b)
             g = torch.nn.functional.linear(x, g_w, g_b)
             x = torch.where(a < 0, g, a + g)
-        return torch.sigmoid(torch.nn.functional.linear(x, self.out_w, self.out_b)), state
+        return x, state
 
 
 def _np(p):

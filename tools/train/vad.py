@@ -1,0 +1,263 @@
+#!/usr/bin/python3
+"""Trains the VAD_0.0.1 voice activity detector on mixtures made on the fly from the training
+corpus, calibrates it on a validation part of that corpus and writes the model file.
+
+    vad.py --state-dir /root/sonel-train/vad [--extra-data DIR]
+    vad.py --state-dir /root/sonel-train/vad --export models/sonel-vad.sw --build-dir build
+
+The detector runs at 8 kHz: its 240-sample analysis frame is then 30 ms, a legal VAD frame of an
+8 kHz session, and its 80-sample hop is one 10 ms block. Features come from the reference
+detector's front end (tools/reference/vad_v0_0_1.py), the one CI holds to the C++ detector.
+
+Labels: a 10 ms block is speech when the clean speech's power in it is within LABEL_RANGE_DB of
+the speech's active level (the mean power of its loud frames), and stays speech for a hangover of
+HANGOVER_BLOCKS after that. Inputs are the cleaner's training mixtures (-5 ... 25 dB SNR, with
+noise-only and clean-only shares). Speech recordings and noise recordings are split by name into
+a fitting part and a validation part; the calibration points ("Test_MINMAX", "Test_BestF1") are
+read off the raw outputs on validation mixtures only. Running the same command again resumes
+from STATE_DIR/checkpoint.pt.
+"""
+
+import argparse
+import copy
+import hashlib
+import json
+import math
+import os
+import sys
+import time
+from multiprocessing import Pool
+from pathlib import Path
+
+import numpy as np
+import torch
+
+import network as net
+from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
+from mixing import FULL_SCALE, Mixer, active_power, frame_power
+from train import DEFAULT_DATA, learning_rate, save
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "reference"))
+import vad_v0_0_1 as vad  # noqa: E402
+
+sw = net.sw
+F32 = np.float32
+RATE = 8000
+FRAME_LENGTH = 240
+HIDDEN = (vad.STATE_SIZE, 32)
+LABEL_RANGE_DB = 25.0
+HANGOVER_BLOCKS = 5
+# Below this block power (16-bit units) nothing is speech, however quiet the talker.
+LABEL_FLOOR = 1.0
+VALIDATION_SHARE = 0.1
+VALIDATION_EPOCH = 1_000_000
+NORMALISATION_EPOCH = 1_000_001
+SD_FLOOR = 0.01
+
+
+def speech_labels(target, rate):
+    """1 for the 10 ms blocks that hold speech (see the module's description)."""
+    power = frame_power(target, rate)
+    level = active_power(target, rate)
+    loud = (power > level * 10 ** (-LABEL_RANGE_DB / 10)) & (power > LABEL_FLOOR)
+    labels = loud.copy()
+    for lag in range(1, HANGOVER_BLOCKS + 1):
+        labels[lag:] |= loud[:-lag]
+    return labels.astype(F32)
+
+
+def in_validation(name):
+    return int(hashlib.sha256(name.encode()).hexdigest()[:8], 16) < VALIDATION_SHARE * 2 ** 32
+
+
+def part(corpus, validation):
+    """The corpus's fitting or validation recordings."""
+    out = copy.copy(corpus)
+    out.speech_items = [i for i in corpus.speech_items if in_validation(i["name"]) == validation]
+    out.noise_items = [i for i in corpus.noise_items if in_validation(i["name"]) == validation]
+    return out
+
+
+_mixers = None
+
+
+def _init(corpus_folder, seconds, seed):
+    global _mixers
+    corpus = Corpus(corpus_folder)
+    _mixers = {v: Mixer(part(corpus, v), seconds) for v in (False, True)}, seed
+
+
+def _example(key):
+    """Features and labels of mixture (epoch, index); validation epochs draw from validation
+    recordings."""
+    mixers, seed = _mixers
+    epoch, index = key
+    mix = mixers[epoch == VALIDATION_EPOCH](np.random.default_rng([seed, epoch, index]))
+    features = vad.stream_features(mix.noisy, RATE, FRAME_LENGTH)
+    labels = speech_labels(mix.target, RATE)[:len(features)]
+    return features, labels
+
+
+class Data:
+    def __init__(self, workers, corpus_folder, seconds, seed):
+        self.pool = Pool(workers, _init, (corpus_folder, seconds, seed))
+
+    def examples(self, keys):
+        return self.pool.map(_example, keys)
+
+    def batches(self, keys, size, mu, sd):
+        """(inputs, labels) arrays of `size` mixtures each, one batch made ahead."""
+        groups = [keys[i:i + size] for i in range(0, len(keys), size)]
+        pending = self.pool.map_async(_example, groups[0]) if groups else None
+        for i in range(len(groups)):
+            examples = pending.get()
+            if i + 1 < len(groups):
+                pending = self.pool.map_async(_example, groups[i + 1])
+            yield (np.stack([vad.network_inputs(f, mu, sd) for f, _ in examples]),
+                   np.stack([labels for _, labels in examples]))
+
+    def close(self):
+        self.pool.terminate()
+        self.pool.join()
+
+
+class DetectorNetwork(net.CleanerNetwork):
+    """The cleaner's gated recurrent layers with one linear output: the raw detector score."""
+
+    def __init__(self):
+        super().__init__(vad.CONTEXT_FRAMES * len(vad.merge_groups(FRAME_LENGTH // 2 + 1)), 1, HIDDEN)
+
+    def forward(self, inputs, state=None):
+        x, state = self.hidden_layers(inputs, torch.ones(inputs.shape[:2], dtype=torch.bool), state)
+        return torch.nn.functional.linear(x, self.out_w, self.out_b)[..., 0], state
+
+
+def records(model, mu, sd, thresholds):
+    p = net._np
+    return vad.model_records(RATE, FRAME_LENGTH, mu, sd, p(model.gate_w), p(model.gate_b),
+                             [p(w) for w in model.rect_w], [p(b) for b in model.rect_b],
+                             [p(w) for w in model.lin_w] + [p(model.out_w)],
+                             [p(b) for b in model.lin_b] + [p(model.out_b)], thresholds)
+
+
+def raw_scores(model, data, keys, mu, sd):
+    """Raw outputs and labels of every block of the mixtures of `keys`, each run from a fresh
+    state as a stream is."""
+    scores, labels = [], []
+    with torch.no_grad():
+        for inputs, batch_labels in data.batches(keys, 16, mu, sd):
+            raw, _ = model(torch.from_numpy(inputs))
+            scores.append(raw.numpy().ravel())
+            labels.append(batch_labels.ravel())
+    return np.concatenate(scores), np.concatenate(labels)
+
+
+def best_f1_threshold(scores, labels):
+    order = np.argsort(-scores)
+    hits = np.cumsum(labels[order])
+    precision = hits / np.arange(1, len(order) + 1)
+    recall = hits / max(labels.sum(), 1.0)
+    f1 = 2 * precision * recall / np.maximum(precision + recall, 1e-12)
+    return float(scores[order][int(np.argmax(f1))]), float(f1.max())
+
+
+def parse_args(argv):
+    p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    p.add_argument("--state-dir", required=True)
+    p.add_argument("--data", default=str(DEFAULT_DATA))
+    p.add_argument("--extra-data", help="output folder of ../shared/data/debian/fetch.sh (default: "
+                   "$%s; none when unset)" % EXTRA_DATA_ENV)
+    p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
+    p.add_argument("--epochs", type=int, default=30)
+    p.add_argument("--examples", type=int, default=512, help="mixtures per epoch")
+    p.add_argument("--batch", type=int, default=16)
+    p.add_argument("--seconds", type=float, default=6.0)
+    p.add_argument("--chunk", type=float, default=2.0, help="seconds per truncated-BPTT step")
+    p.add_argument("--lr", type=float, default=2e-3)
+    p.add_argument("--seed", type=int, default=20261124)
+    p.add_argument("--validation", type=int, default=256, help="calibration mixtures")
+    p.add_argument("--normalisation", type=int, default=128)
+    p.add_argument("--workers", type=int, default=2)
+    p.add_argument("--export", action="append", help="model file to write (.sw needs --build-dir)")
+    p.add_argument("--build-dir")
+    args = p.parse_args(argv)
+    args.cache_dir = args.cache_dir or os.path.join(args.state_dir, "cache")
+    args.extra_data = extra_data_dir(args.extra_data)
+    return args
+
+
+def main(argv=None):
+    args = parse_args(argv)
+    torch.set_num_threads(1)
+    torch.manual_seed(args.seed)
+    state_dir = Path(args.state_dir)
+    state_dir.mkdir(parents=True, exist_ok=True)
+    checkpoint_path = state_dir / "checkpoint.pt"
+    corpus_folder = Corpus.load_or_build(args.data, "train", RATE, args.cache_dir, args.workers,
+                                         args.extra_data).folder
+    data = Data(args.workers, corpus_folder, args.seconds, args.seed)
+    model = DetectorNetwork()
+    optimizer = torch.optim.Adam(model.parameters(), lr=args.lr)
+    try:
+        if checkpoint_path.exists():
+            ck = torch.load(checkpoint_path)
+            model.load_state_dict(ck["network"])
+            optimizer.load_state_dict(ck["optimizer"])
+            mu, sd, epoch, step, history = ck["mu"], ck["sd"], ck["epoch"], ck["step"], ck["history"]
+            print("resumed at epoch %d" % epoch, flush=True)
+        else:
+            examples = data.examples([(NORMALISATION_EPOCH, i) for i in range(args.normalisation)])
+            features = np.concatenate([f for f, _ in examples])
+            mu, sd = features.mean(0).astype(F32), np.maximum(features.var(0), SD_FLOOR).astype(F32)
+            epoch, step, history = 0, 0, []
+        batches = math.ceil(args.examples / args.batch)
+        chunk = int(round(args.chunk * 100))
+        total = args.epochs * batches * math.ceil(args.seconds / args.chunk)
+        loss_fn = torch.nn.BCEWithLogitsLoss()
+        while epoch < args.epochs:
+            started, running = time.time(), []
+            keys = [(epoch, i) for i in range(args.examples)]
+            for inputs, labels in data.batches(keys, args.batch, mu, sd):
+                inputs, labels = torch.from_numpy(inputs), torch.from_numpy(labels)
+                state = None
+                for first in range(0, inputs.shape[1], chunk):
+                    window = slice(first, first + chunk)
+                    raw, state = model(inputs[:, window], state)
+                    loss = loss_fn(raw, labels[:, window])
+                    for group in optimizer.param_groups:
+                        group["lr"] = learning_rate(args, step, total)
+                    optimizer.zero_grad()
+                    loss.backward()
+                    torch.nn.utils.clip_grad_norm_(model.parameters(), 1.0)
+                    optimizer.step()
+                    model.bound_recurrence()
+                    state = state.detach()
+                    step += 1
+                    running.append(float(loss))
+            epoch += 1
+            history.append({"epoch": epoch, "loss": float(np.mean(running)),
+                            "minutes": (time.time() - started) / 60})
+            print(json.dumps(history[-1]), flush=True)
+            save(checkpoint_path, {"network": model.state_dict(), "optimizer": optimizer.state_dict(),
+                                   "mu": mu, "sd": sd, "epoch": epoch, "step": step,
+                                   "history": history, "args": vars(args)})
+        if args.export:
+            model.eval()
+            scores, labels = raw_scores(model, data, [(VALIDATION_EPOCH, i) for i in range(args.validation)],
+                                        mu, sd)
+            best, f1 = best_f1_threshold(scores, labels)
+            thresholds = (float(scores.min()), best, float(scores.max()))
+            print(json.dumps({"thresholds": thresholds, "validation_f1": f1,
+                              "speech_share": float(labels.mean())}), flush=True)
+            key = sw.key_from_build(args.build_dir) if args.build_dir else None
+            for out in args.export:
+                sw.WeightWriter(records(model, mu, sd, thresholds)).write_file(out, key)
+                vad.Model(sw.read_file(out, key))  # the reference accepts what was written
+                print("wrote %s" % out, flush=True)
+        return 0
+    finally:
+        data.close()
+
+
+if __name__ == "__main__":
+    sys.exit(main())
