@@ -25,5 +25,6 @@ void reportWarning(const std::string& message);
 int runVersion(const Args& args);
 int runModel(const Args& args);
 int runDenoise(const Args& args);
+int runVad(const Args& args);
 
 }  // namespace sonel_cli

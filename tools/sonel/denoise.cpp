@@ -7,128 +7,23 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
-#include <sstream>
 #include <vector>
 
 #include "sonel-audio-sdk.h"
+#include "sonel/audio_input.h"
 #include "sonel/command.h"
 #include "sonel/embedded_model.h"
 #include "sonel_audio_sdk/instance.h"
 #include "sonel_audio_sdk/session.h"
-#include "utils/wide_string.h"
 
 namespace sonel_cli {
 
 namespace {
 
 constexpr const char* kModelName = "default";
-
-struct SndFileCloser {
-    void operator()(SNDFILE* f) const { sf_close(f); }
-};
-using SndFile = std::unique_ptr<SNDFILE, SndFileCloser>;
-
-bool supportedRate(int rate) {
-    for (int r : {8000, 16000, 24000, 32000, 44100, 48000, 88200, 96000})
-        if (r == rate) return true;
-    return false;
-}
-
-// The registry reports on standard output; the tool shows those lines only when loading fails.
-class QuietStdout {
-public:
-    QuietStdout() : saved_(std::cout.rdbuf(captured_.rdbuf())) {}
-    ~QuietStdout() { std::cout.rdbuf(saved_); }
-    std::string text() const { return captured_.str(); }
-
-private:
-    std::ostringstream captured_;
-    std::streambuf* saved_;
-};
-
-// Holds one global reference and the model for the length of the command.
-class Library {
-public:
-    Library() { ok_ = sonelAudioGlobalInit(nullptr) == SONEL_AUDIO_OK; }
-    ~Library() {
-        if (ok_) sonelAudioGlobalDestroy();
-    }
-    bool ok() const { return ok_; }
-
-private:
-    bool ok_;
-};
-
-int loadModel(const std::string& path) {
-    QuietStdout quiet;
-    int32_t result;
-    if (!path.empty()) {
-        if (!std::filesystem::exists(path)) return reportError("model file '" + path + "' not found");
-        // The command line carries the path as UTF-8; the library takes it as code points.
-        result = sonelAudioSetModel(SONEL::UTILS::fromUtf8(path).c_str(), kModelName);
-    } else {
-        if (kEmbeddedModelSize == 0)
-            return reportError("this build has no embedded model; pass --model FILE", kExitUsage);
-        result = sonelAudioSetModelBlob(kEmbeddedModel, kEmbeddedModelSize, kModelName);
-    }
-    if (result == SONEL_AUDIO_OK) return 0;
-    std::string details = quiet.text();
-    std::replace(details.begin(), details.end(), '\n', ' ');
-    return reportError("cannot load model '" + (path.empty() ? "embedded" : path) + "': " + details);
-}
-
-// Bytes per sample in a WAV data chunk for the encodings stored sample by sample; 0 for the
-// block-coded ones (ADPCM, GSM), whose chunk size gives no frame count directly.
-sf_count_t wavSampleBytes(int format) {
-    switch (format & SF_FORMAT_SUBMASK) {
-        case SF_FORMAT_PCM_U8:
-        case SF_FORMAT_ULAW:
-        case SF_FORMAT_ALAW: return 1;
-        case SF_FORMAT_PCM_16: return 2;
-        case SF_FORMAT_PCM_24: return 3;
-        case SF_FORMAT_PCM_32:
-        case SF_FORMAT_FLOAT: return 4;
-        case SF_FORMAT_DOUBLE: return 8;
-        default: return 0;
-    }
-}
-
-// Reads until the decoder stops, block by block rather than by the declared count: a FLAC stream
-// may leave its length unknown, and a damaged one may end before it.
-std::vector<float> readAll(SNDFILE* file, size_t channels) {
-    constexpr sf_count_t kBlockFrames = 1 << 16;
-    std::vector<float> samples;
-    for (;;) {
-        const size_t done = samples.size();
-        samples.resize(done + kBlockFrames * channels);
-        const sf_count_t got = sf_readf_float(file, samples.data() + done, kBlockFrames);
-        samples.resize(done + static_cast<size_t>(got) * channels);
-        if (got < kBlockFrames) return samples;
-    }
-}
-
-// The frame count the file's header declares, 0 where it leaves the length unknown (libsndfile
-// reports SF_COUNT_MAX for such a FLAC stream). libsndfile shortens a WAV whose data chunk claims
-// more than the file holds to what is there, so a recording cut off mid-write reads without error;
-// the chunk's own size still tells how long it was meant to be.
-sf_count_t declaredFrames(SNDFILE* file, const SF_INFO& info) {
-    if (info.frames == SF_COUNT_MAX) return 0;
-    const int major = info.format & SF_FORMAT_TYPEMASK;
-    const sf_count_t frameBytes = wavSampleBytes(info.format) * info.channels;
-    if ((major != SF_FORMAT_WAV && major != SF_FORMAT_WAVEX) || frameBytes == 0) return info.frames;
-    SF_CHUNK_INFO chunk{};
-    std::strcpy(chunk.id, "data");
-    chunk.id_size = 4;
-    const SF_CHUNK_ITERATOR* data = sf_get_chunk_iterator(file, &chunk);
-    if (!data || sf_get_chunk_size(data, &chunk) != SF_ERR_NO_ERROR) return info.frames;
-    // Writers streaming to a pipe leave the size at its largest value: unknown, not cut off.
-    if (chunk.datalen == 0xFFFFFFFFu) return info.frames;
-    return std::max(info.frames, static_cast<sf_count_t>(chunk.datalen) / frameBytes);
-}
 
 // Major format for the output from its extension; the input's sample encoding is kept when the
 // output format can hold it, else 16-bit PCM.
@@ -154,14 +49,31 @@ void printProgress(double done) {
                  std::string(width - filled, ' ').c_str(), static_cast<int>(done * 100));
 }
 
-void printStats(const std::vector<void*>& sessions) {
+// `detected`: per channel, the voice detector's speech time in seconds (empty without a detector).
+void printStats(const std::vector<void*>& sessions, const std::vector<double>& detected) {
     for (size_t c = 0; c < sessions.size(); ++c) {
         SonelAudioNcStats stats{};
         if (sonelAudioNcWithStatsRetrieveStats(sessions[c], &stats) != SONEL_AUDIO_OK) continue;
-        std::printf("channel %zu: talk %.2f s; noise none %.2f s, low %.2f s, medium %.2f s, high %.2f s\n",
+        std::printf("channel %zu: talk %.2f s; noise none %.2f s, low %.2f s, medium %.2f s, high %.2f s",
                     c + 1, stats.talkTimeMs / 1000.0, stats.noNoiseMs / 1000.0, stats.lowNoiseMs / 1000.0,
                     stats.mediumNoiseMs / 1000.0, stats.highNoiseMs / 1000.0);
+        if (c < detected.size()) std::printf("; voice detector: speech %.2f s", detected[c]);
+        std::printf("\n");
     }
+}
+
+// Speech time per channel by the embedded voice detector: frames at or above probability 0.5.
+// Empty when the build has no detector to embed.
+int detectedSpeech(const AudioInput& input, std::vector<double>& seconds) {
+    if (kEmbeddedVadModelSize == 0) return 0;
+    if (int status = registerVadModel("")) return status;
+    std::vector<float> probabilities;
+    for (size_t c = 0; c < input.channels; ++c) {
+        if (int status = speechProbabilities(input, c, probabilities)) return status;
+        const auto frames = std::count_if(probabilities.begin(), probabilities.end(), [](float p) { return p >= 0.5f; });
+        seconds.push_back(static_cast<double>(frames) * 0.01);
+    }
+    return 0;
 }
 
 }  // namespace
@@ -180,32 +92,17 @@ int runDenoise(const Args& args) {
     const std::string& inPath = files[0];
     const std::string& outPath = files[1];
 
-    SF_INFO info{};
-    SndFile in(sf_open(inPath.c_str(), SFM_READ, &info));
-    if (!in) return reportError("cannot read '" + inPath + "': " + sf_strerror(nullptr));
-    if (!supportedRate(info.samplerate))
-        return reportError("'" + inPath + "' is at " + std::to_string(info.samplerate) +
-                           " Hz; supported rates are 8000, 16000, 24000, 32000, 44100, 48000, 88200 and 96000 Hz");
+    AudioInput input;
+    if (int status = readAudio(inPath, input)) return status;
+    const SF_INFO& info = input.info;
     const int format = outputFormat(outPath, info.format, info.channels, info.samplerate);
     if (format == 0) return reportError("'" + outPath + "': the output must be a .wav or .flac file", kExitUsage);
-
-    // A recording cut off mid-write still holds audio worth cleaning: keep what could be read.
-    const auto channels = static_cast<size_t>(info.channels);
-    const std::vector<float> interleaved = readAll(in.get(), channels);
-    const size_t length = interleaved.size() / channels;
-    if (const sf_count_t declared = declaredFrames(in.get(), info); static_cast<sf_count_t>(length) < declared)
-        reportWarning("'" + inPath + "' is truncated: read " + std::to_string(length) + " of the " +
-                      std::to_string(declared) + " frames its header declares; cleaning those");
-    in.reset();
-    const auto nonFinite = std::count_if(interleaved.begin(), interleaved.end(),
-                                         [](float sample) { return !std::isfinite(sample); });
-    if (nonFinite > 0)
-        reportWarning("'" + inPath + "' holds " + std::to_string(nonFinite) +
-                      " non-finite samples (NaN or infinity); they are cleaned as silence");
+    const size_t channels = input.channels, length = input.length;
+    const std::vector<float>& interleaved = input.interleaved;
 
     Library library;
     if (!library.ok()) return reportError("the library could not be initialised");
-    if (int status = loadModel(modelPath)) return status;
+    if (int status = loadModel(modelPath, kModelName, kEmbeddedModel, kEmbeddedModelSize)) return status;
 
     const auto rate = static_cast<SonelAudioSamplingRate>(info.samplerate);
     std::vector<void*> sessions;
@@ -282,7 +179,11 @@ int runDenoise(const Args& args) {
         return reportError("cannot write '" + outPath + "': " + renamed.message());
     }
 
-    if (withStats) printStats(sessions);
+    if (withStats) {
+        std::vector<double> detected;
+        if (int status = detectedSpeech(input, detected)) return status;
+        printStats(sessions, detected);
+    }
     for (void* s : sessions) withStats ? sonelAudioNcWithStatsCloseSession(s) : sonelAudioNcCloseSession(s);
     if (length == 0) {
         std::printf("'%s' holds no audio; wrote an empty '%s'\n", inPath.c_str(), outPath.c_str());

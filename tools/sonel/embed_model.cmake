@@ -1,5 +1,5 @@
-# Writes OUTPUT, a C++ file holding the bytes of INPUT as sonel_cli::kEmbeddedModel (empty when
-# INPUT does not exist, so a checkout without a trained model still builds).
+# Writes OUTPUT, a C++ file holding the bytes of INPUT as sonel_cli::SYMBOL and its size as
+# SYMBOLSize (empty when INPUT does not exist, so a checkout without a trained model still builds).
 set(bytes "")
 set(size 0)
 if(EXISTS "${INPUT}")
@@ -10,6 +10,6 @@ if(EXISTS "${INPUT}")
 endif()
 file(WRITE "${OUTPUT}" "// Generated from ${INPUT}.\n#include \"sonel/embedded_model.h\"\n"
   "namespace sonel_cli {\n"
-  "alignas(8) const unsigned char kEmbeddedModel[] = {${bytes} 0};\n"
-  "const unsigned int kEmbeddedModelSize = ${size};\n"
+  "alignas(8) const unsigned char ${SYMBOL}[] = {${bytes} 0};\n"
+  "const unsigned int ${SYMBOL}Size = ${size};\n"
   "}  // namespace sonel_cli\n")

@@ -1,7 +1,9 @@
 #pragma once
-// The default model compiled into the tool, in enciphered ("sw") form; size 0 when the build had
-// no model file to embed.
+// The default models compiled into the tool, in enciphered ("sw") form: the noise cleaner and the
+// voice activity detector. A size is 0 when the build had no such model file to embed.
 namespace sonel_cli {
 extern const unsigned char kEmbeddedModel[];
 extern const unsigned int kEmbeddedModelSize;
+extern const unsigned char kEmbeddedVadModel[];
+extern const unsigned int kEmbeddedVadModelSize;
 }  // namespace sonel_cli

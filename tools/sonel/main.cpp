@@ -18,6 +18,10 @@ constexpr Command kCommands[] = {
      "sonel denoise IN OUT [--model FILE] [--stats]\n"
      "                                clean a WAV or FLAC file (default: the embedded model)\n",
      runDenoise},
+    {"vad",
+     "sonel vad IN [--model FILE] [--threshold P] [--hangover MS] [--format segments|frames|json]\n"
+     "                                speech segments or per-frame speech probabilities\n",
+     runVad},
 };
 
 void printUsage(std::ostream& out) {

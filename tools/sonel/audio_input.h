@@ -1,0 +1,53 @@
+#pragma once
+// What the audio subcommands share: reading a whole input file, holding the library for the
+// length of a command and registering a model file or the embedded default.
+#include <sndfile.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace sonel_cli {
+
+struct SndFileCloser {
+    void operator()(SNDFILE* f) const { sf_close(f); }
+};
+using SndFile = std::unique_ptr<SNDFILE, SndFileCloser>;
+
+struct AudioInput {
+    SF_INFO info{};
+    size_t channels = 0;
+    size_t length = 0;               // frames read
+    std::vector<float> interleaved;  // length × channels samples
+};
+
+// Reads `path` at a rate the library takes, keeping what a damaged or cut-off file holds, with a
+// warning for truncation and for non-finite samples. Returns 0, or the status of the error it
+// reported.
+int readAudio(const std::string& path, AudioInput& out);
+
+// Holds one global reference for the length of the command.
+class Library {
+public:
+    Library();
+    ~Library();
+    bool ok() const { return ok_; }
+
+private:
+    bool ok_;
+};
+
+// Registers the model file at `path` (UTF-8), or the embedded bytes when `path` is empty, under
+// `name`. Returns 0, or the status of the error it reported.
+int loadModel(const std::string& path, const char* name, const unsigned char* embedded,
+              unsigned embeddedSize);
+
+// Registers the voice activity model file at `path`, or the embedded one when `path` is empty.
+int registerVadModel(const std::string& path);
+
+// The detector's speech probability for every 10 ms frame of one channel (the last frame padded
+// with silence), with the registered voice activity model. Returns 0, or the status of the error
+// it reported.
+int speechProbabilities(const AudioInput& input, size_t channel, std::vector<float>& out);
+
+}  // namespace sonel_cli

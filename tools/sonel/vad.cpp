@@ -1,0 +1,150 @@
+// `sonel vad`: the voice activity detector over an audio file, through the library's public VAD
+// functions, as speech segments or per-frame probabilities.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "sonel-audio-sdk.h"
+#include "sonel/audio_input.h"
+#include "sonel/command.h"
+#include "sonel/embedded_model.h"
+
+namespace sonel_cli {
+
+namespace {
+
+constexpr const char* kVadModelName = "vad";
+constexpr unsigned kFrameMs = 10;
+
+enum class Format { Segments, Frames, Json };
+
+struct Segment {
+    double start;
+    double end;
+};
+
+bool parseNumber(const std::string& text, double& out) {
+    char* end = nullptr;
+    out = std::strtod(text.c_str(), &end);
+    return !text.empty() && end == text.c_str() + text.size();
+}
+
+// Runs of frames at or above the threshold, each held for `hangoverFrames` after its last such
+// frame, in seconds and cut at the end of the file.
+std::vector<Segment> segments(const std::vector<float>& probabilities, double threshold,
+                              size_t hangoverFrames, double seconds) {
+    std::vector<Segment> out;
+    size_t holdUntil = 0;  // one past the last frame the current segment covers
+    for (size_t k = 0; k < probabilities.size(); ++k) {
+        if (probabilities[k] < threshold) continue;
+        const double start = static_cast<double>(k * kFrameMs) / 1000.0;
+        if (out.empty() || k > holdUntil) out.push_back({start, start});
+        holdUntil = k + 1 + hangoverFrames;
+        out.back().end = std::min(static_cast<double>(holdUntil * kFrameMs) / 1000.0, seconds);
+    }
+    return out;
+}
+
+}  // namespace
+
+int registerVadModel(const std::string& path) {
+    return loadModel(path, kVadModelName, kEmbeddedVadModel, kEmbeddedVadModelSize);
+}
+
+int speechProbabilities(const AudioInput& input, size_t channel, std::vector<float>& out) {
+    const auto rate = static_cast<SonelAudioSamplingRate>(input.info.samplerate);
+    void* session = sonelAudioVadCreateSession(rate, SONEL_AUDIO_FRAME_10MS, kVadModelName);
+    if (!session)
+        return reportError("the voice activity model cannot run at " + std::to_string(input.info.samplerate) + " Hz");
+    const size_t frame = static_cast<size_t>(input.info.samplerate) * kFrameMs / 1000;
+    std::vector<float> samples(frame);
+    out.clear();
+    for (size_t pos = 0; pos < input.length; pos += frame) {
+        for (size_t i = 0; i < frame; ++i)
+            samples[i] = pos + i < input.length ? input.interleaved[(pos + i) * input.channels + channel] : 0.0f;
+        const float p = sonelAudioVadFrameFloat(session, samples.data(), static_cast<unsigned>(frame));
+        if (p < 0.0f) {
+            sonelAudioVadCloseSession(session);
+            return reportError("voice detection failed at sample " + std::to_string(pos) + " (code " +
+                               std::to_string(static_cast<int>(p)) + ")");
+        }
+        out.push_back(p);
+    }
+    sonelAudioVadCloseSession(session);
+    return 0;
+}
+
+int runVad(const Args& args) {
+    std::string inPath, modelPath;
+    double threshold = 0.5, hangoverMs = 200.0;
+    Format format = Format::Segments;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const bool hasValue = i + 1 < args.size();
+        if (args[i] == "--model" && hasValue) {
+            modelPath = args[++i];
+        } else if (args[i] == "--threshold" && hasValue) {
+            if (!parseNumber(args[++i], threshold) || !(threshold >= 0.0 && threshold <= 1.0))
+                return reportError("--threshold takes a probability from 0 to 1", kExitUsage);
+        } else if (args[i] == "--hangover" && hasValue) {
+            if (!parseNumber(args[++i], hangoverMs) || !(hangoverMs >= 0.0 && hangoverMs <= 10000.0))
+                return reportError("--hangover takes milliseconds from 0 to 10000", kExitUsage);
+        } else if (args[i] == "--format" && hasValue) {
+            const std::string& name = args[++i];
+            if (name == "segments") format = Format::Segments;
+            else if (name == "frames") format = Format::Frames;
+            else if (name == "json") format = Format::Json;
+            else return reportError("--format is segments, frames or json", kExitUsage);
+        } else if (args[i].rfind("--", 0) == 0 || !inPath.empty()) {
+            return reportError("unexpected argument '" + args[i] + "'", kExitUsage);
+        } else {
+            inPath = args[i];
+        }
+    }
+    if (inPath.empty()) return reportError("vad needs an IN file", kExitUsage);
+
+    AudioInput input;
+    if (int status = readAudio(inPath, input)) return status;
+    Library library;
+    if (!library.ok()) return reportError("the library could not be initialised");
+    if (int status = registerVadModel(modelPath)) return status;
+
+    // A frame is speech when any channel holds speech.
+    std::vector<float> probabilities, channel;
+    for (size_t c = 0; c < input.channels; ++c) {
+        if (int status = speechProbabilities(input, c, channel)) return status;
+        probabilities.resize(channel.size(), 0.0f);
+        for (size_t k = 0; k < channel.size(); ++k) probabilities[k] = std::max(probabilities[k], channel[k]);
+    }
+    const double seconds = static_cast<double>(input.length) / input.info.samplerate;
+    const auto hangoverFrames = static_cast<size_t>(hangoverMs / kFrameMs + 0.5);
+    const std::vector<Segment> found = segments(probabilities, threshold, hangoverFrames, seconds);
+
+    switch (format) {
+        case Format::Segments:
+            for (const Segment& s : found) std::printf("%.2f\t%.2f\n", s.start, s.end);
+            break;
+        case Format::Frames:
+            for (size_t k = 0; k < probabilities.size(); ++k)
+                std::printf("%.2f\t%.4f\n", static_cast<double>(k * kFrameMs) / 1000.0, probabilities[k]);
+            break;
+        case Format::Json: {
+            double speech = 0.0;
+            for (const Segment& s : found) speech += s.end - s.start;
+            std::printf("{\"seconds\": %.2f, \"frame_ms\": %u, \"threshold\": %g, \"hangover_ms\": %g, "
+                        "\"speech_seconds\": %.2f, \"segments\": [",
+                        seconds, kFrameMs, threshold, hangoverMs, speech);
+            for (size_t i = 0; i < found.size(); ++i)
+                std::printf("%s[%.2f, %.2f]", i ? ", " : "", found[i].start, found[i].end);
+            std::printf("], \"probabilities\": [");
+            for (size_t k = 0; k < probabilities.size(); ++k)
+                std::printf("%s%.4f", k ? ", " : "", probabilities[k]);
+            std::printf("]}\n");
+            break;
+        }
+    }
+    return 0;
+}
+
+}  // namespace sonel_cli
