@@ -115,12 +115,6 @@ float runBlock(VadCleaner_v0_0_1& vad, std::vector<float> block) {
     return block.empty() ? NAN : block[0];
 }
 
-std::vector<double> hamming() {
-    std::vector<double> w(kFrame);
-    for (unsigned i = 0; i < kFrame; ++i) w[i] = 0.54 - 0.46 * std::cos(2 * M_PI * i / (kFrame - 1));
-    return w;
-}
-
 void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWriter& writer,
                    const std::string& name) {
     const std::string path = dir.file(name + ".vlw");
@@ -182,7 +176,8 @@ TEST(VadFrontEnd, SilenceGivesThePrefilledFeaturesAndOnlyLoudBlocksMoveTheLevel)
     // Level: the output is the newest frame's DC feature ln(P0 + 1) with MU 0 and SD 1, so
     // S = sqrt(e^raw − 1) is the windowed sum Σ w[i] · x[i] · gain of the analysed frame.
     VadCleaner_v0_0_1 vad(modelFrom(vadRecords(readout({{kNewest, 1.0f}}, 0.0f))), kRate);
-    const std::vector<double> w = hamming();
+    std::vector<double> w(kFrame);
+    for (unsigned i = 0; i < kFrame; ++i) w[i] = 0.54 - 0.46 * std::cos(2 * M_PI * i / (kFrame - 1));
     const double a = 0.954992586021436;
     std::vector<double> frame(kFrame, 0.0);  // the analysed frame, after gain
     double level = 4000000.0;
@@ -343,7 +338,6 @@ TEST(VadModel, MalformedModelsAreRefusedWithTheReason) {
         {"odd frame", [](Records& r) { r["FrameLength"] = 241u; }, "FrameLength 241 is not an even number"},
         {"huge frame", [](Records& r) { r["FrameLength"] = 4000000000u; }, "FrameLength 4000000000 is not"},
         {"partial band", [](Records& r) { r["FrameLength"] = 202u; }, "do not merge into whole bands"},
-        {"other layout", [](Records& r) { r["FrameLength"] = 480u; }, "MU and SD need 121 values"},
         {"short MU", [](Records& r) { r["MU"] = std::vector<float>(60, 0.0f); }, "MU and SD need 61 values"},
         {"negative SD", [](Records& r) { std::get<std::vector<float>>(r["SD"])[7] = -1.0f; },
          "SD[7] is a variance"},
@@ -351,8 +345,6 @@ TEST(VadModel, MalformedModelsAreRefusedWithTheReason) {
          "WeightGRU is 93 x 337, not 94 x 338"},
         {"gate bias", [](Records& r) { r["BaesGRU"] = std::vector<float>(3, 0.0f); },
          "BaesGRU needs 94 values"},
-        {"missing gate bias", [](Records& r) { r.erase("BaesGRU"); },
-         "ERROR DATA With Key: BaesGRU doesn't exists"},
         {"no layers",
          [&](Records& r) {
              matrixList(r, "WeightLinear").clear();
