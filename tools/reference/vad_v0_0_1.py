@@ -140,9 +140,11 @@ def network_inputs(features, mu, sd):
 
 
 def model_records(sample_rate, frame_length, mu, sd, gate_w, gate_b, nonlinear_ws, nonlinear_bs,
-                  linear_ws, linear_bs, thresholds=None, state_reset=False):
+                  linear_ws, linear_bs, thresholds=None, state_reset=False, name=None,
+                  timestamp=None):
     """Every record the detector reads. `thresholds` = (minimum, best-F1 point, maximum) of the
-    raw output, written as "Test_MINMAX" and "Test_BestF1"."""
+    raw output, written as "Test_MINMAX" and "Test_BestF1". A file handed to the library as a
+    blob also needs `name` and `timestamp` ("ModelName", "TimeStamp": the registry's key)."""
     R = sw.Record
     records = {
         "Version": R(sw.STRING, VERSION),
@@ -157,6 +159,9 @@ def model_records(sample_rate, frame_length, mu, sd, gate_w, gate_b, nonlinear_w
         "WeightLinear": R(sw.MATRIX_LIST, [np.asarray(w, F32) for w in linear_ws]),
         "BaesLinear": R(sw.VECTOR_LIST, [np.asarray(b, F32) for b in linear_bs]),
     }
+    if name is not None:
+        records["ModelName"] = R(sw.STRING, name)
+        records["TimeStamp"] = R(sw.STRING, timestamp)
     if thresholds is not None:
         low, best, high = (float(t) for t in thresholds)
         records["Test_MINMAX"] = R(sw.VECTOR, np.asarray([low, high], F32))

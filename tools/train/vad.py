@@ -53,6 +53,7 @@ VALIDATION_SHARE = 0.1
 VALIDATION_EPOCH = 1_000_000
 NORMALISATION_EPOCH = 1_000_001
 SD_FLOOR = 0.01
+MODEL_NAME = "sonel-vad"
 
 
 def speech_labels(target, rate):
@@ -132,12 +133,13 @@ class DetectorNetwork(net.CleanerNetwork):
         return torch.nn.functional.linear(x, self.out_w, self.out_b)[..., 0], state
 
 
-def records(model, mu, sd, thresholds):
+def records(model, mu, sd, thresholds, timestamp="training"):
     p = net._np
     return vad.model_records(RATE, FRAME_LENGTH, mu, sd, p(model.gate_w), p(model.gate_b),
                              [p(w) for w in model.rect_w], [p(b) for b in model.rect_b],
                              [p(w) for w in model.lin_w] + [p(model.out_w)],
-                             [p(b) for b in model.lin_b] + [p(model.out_b)], thresholds)
+                             [p(b) for b in model.lin_b] + [p(model.out_b)], thresholds,
+                             name=MODEL_NAME, timestamp=timestamp)
 
 
 def raw_scores(model, data, keys, mu, sd):
@@ -250,8 +252,9 @@ def main(argv=None):
             print(json.dumps({"thresholds": thresholds, "validation_f1": f1,
                               "speech_share": float(labels.mean())}), flush=True)
             key = sw.key_from_build(args.build_dir) if args.build_dir else None
+            timestamp = time.strftime("%Y%m%dT%H%M%S", time.gmtime())
             for out in args.export:
-                sw.WeightWriter(records(model, mu, sd, thresholds)).write_file(out, key)
+                sw.WeightWriter(records(model, mu, sd, thresholds, timestamp)).write_file(out, key)
                 vad.Model(sw.read_file(out, key))  # the reference accepts what was written
                 print("wrote %s" % out, flush=True)
         return 0
