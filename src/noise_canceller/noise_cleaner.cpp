@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "noise_canceller/noise_cleaner_v0_0_5.h"
+#include "noise_canceller/noise_db_cleaner_v0_0_1.h"
 #include "noise_canceller/vad_cleaner_v0_0_1.h"
 #include "sonel_audio_sdk/instance.h"
 #include "utils/fft.h"
@@ -193,6 +194,8 @@ std::shared_ptr<NoiseCleaner> NoiseCleaner::create(SonelAudioSamplingRate rate,
     if (cleaning && version == "0.0.5") return std::make_shared<NoiseCleaner_v0_0_5>(chosen, modelRate);
     if (sessionType == SONEL_AUDIO_SESSION_VAD && version == "VAD_0.0.1")
         return std::make_shared<VadCleaner_v0_0_1>(chosen, modelRate);
+    if (sessionType == SONEL_AUDIO_SESSION_NOISE_DB && version == "0.0.5")
+        return std::make_shared<NoiseDBCleaner_v0_0_1>(chosen, modelRate);
     throw SonelException("Unsupported weight version", kCleanerFile, __LINE__, "create");
 }
 
