@@ -26,5 +26,6 @@ int runVersion(const Args& args);
 int runModel(const Args& args);
 int runDenoise(const Args& args);
 int runVad(const Args& args);
+int runNoiseLevel(const Args& args);
 
 }  // namespace sonel_cli

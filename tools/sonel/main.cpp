@@ -22,6 +22,10 @@ constexpr Command kCommands[] = {
      "sonel vad IN [--model FILE] [--threshold P] [--hangover MS] [--format segments|frames|json]\n"
      "                                speech segments or per-frame speech probabilities\n",
      runVad},
+    {"noise-level",
+     "sonel noise-level IN [--model FILE] [--format frames|json]\n"
+     "                                background noise level in dBFS per 10 ms frame, or a summary\n",
+     runNoiseLevel},
 };
 
 void printUsage(std::ostream& out) {
