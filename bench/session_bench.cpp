@@ -1,6 +1,7 @@
 // One 10 ms frame through the public float path, at 16 and 48 kHz host rates, with 16 and 32 kHz
 // cleaning models of the size the shipped models use (random weights: the cost does not depend on
-// them), and the shipped voice detector at 8, 16 and 48 kHz hosts.
+// them), the noise-level estimator on the same models, and the shipped voice detector at 8, 16 and
+// 48 kHz hosts.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -95,5 +96,40 @@ void BM_VadFrame(benchmark::State& state) {
 }
 
 BENCHMARK(BM_VadFrame)->ArgName("host_hz")->Arg(8000)->Arg(16000)->Arg(48000);
+
+// The noise-level estimator runs the cleaner on a copy of each frame: beside BM_NcFrame at the
+// same rates this shows what measuring and smoothing add.
+void BM_NoiseDbFrame(benchmark::State& state) {
+    const auto hostRate = static_cast<unsigned>(state.range(0));
+    const auto modelRate = static_cast<unsigned>(state.range(1));
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("sonel-bench-db-" + std::to_string(modelRate) + ".vlw")).string();
+    sonel_test::cleanerModel(shippedSize(modelRate)).writeFile(path);
+    sonelAudioGlobalInit(nullptr);
+    const std::wstring widePath(path.begin(), path.end());
+    sonelAudioSetModel(widePath.c_str(), "bench");
+    void* session = sonelAudioNoiseDbCreateSession(static_cast<SonelAudioSamplingRate>(hostRate),
+                                                   SONEL_AUDIO_FRAME_10MS, "bench");
+    if (!session) {
+        sonelAudioGlobalDestroy();
+        state.SkipWithError("session could not be created");
+        return;
+    }
+    const unsigned frame = hostRate / 100;
+    std::vector<float> in(frame);
+    for (unsigned i = 0; i < frame; ++i) in[i] = 0.1f * std::sin(0.05f * i) + 0.01f * ((i * 7919) % 13 - 6);
+    for (auto _ : state) benchmark::DoNotOptimize(sonelAudioNoiseDbFrameFloat(session, in.data(), frame));
+    state.SetItemsProcessed(state.iterations());
+    sonelAudioNoiseDbCloseSession(session);
+    sonelAudioRemoveModel("bench");
+    sonelAudioGlobalDestroy();
+    std::filesystem::remove(path);
+}
+
+BENCHMARK(BM_NoiseDbFrame)
+    ->ArgNames({"host_hz", "model_hz"})
+    ->Args({16000, 16000})
+    ->Args({48000, 16000})
+    ->Args({48000, 32000});
 
 }  // namespace
