@@ -32,3 +32,11 @@ rnnoise="$(dirname "$0")/eval/rnnoise"
 if [ ! -d "$rnnoise/node_modules/@jitsi/rnnoise-wasm" ]; then
   npm ci --prefix "$rnnoise" --no-audit --no-fund
 fi
+
+# Silero VAD for the voice-detection evaluation, at the versions tools/eval/silero/package-lock.json
+# pins. onnxruntime-node's install script fetches extras from the network; the CPU runtime is in the
+# package, so the script is skipped.
+silero="$(dirname "$0")/eval/silero"
+if [ ! -d "$silero/node_modules/onnxruntime-node" ]; then
+  npm ci --prefix "$silero" --ignore-scripts --no-audit --no-fund
+fi
