@@ -520,6 +520,9 @@ as its WebAssembly build runs, denoising included (it has no way to ask for the 
 the energy detector in C++. The machine (%(cores)d cores) is shared with other jobs: load average
 %(load_before).1f before the timings and %(load_after).1f after. CPU time rather than wall-clock
 time keeps most of that out, but not cache and memory contention, so take these as upper bounds.
+One detector alone: `sonel-eval-vad SYSTEM RATE --time FILE [--model FILE]` from the build folder,
+`node tools/eval/silero/vad.mjs --time FILE` or `node tools/eval/rnnoise/vad.mjs --time FILE`
+(raw float32 files; 16 kHz for Silero, 48 kHz for RNNoise).
 
 %(cpu)s
 """ % {"command": command, "rate": args.rate,
