@@ -1,6 +1,6 @@
-// Sessions as a conferencing client drives them: one stream per thread, while other threads
-// register and remove models and open and close their own sessions. Every stream must come out
-// bit-identical to the same input processed alone, and nothing may race (this binary also runs
+// Sessions as a conferencing client drives them: one stream per thread, cleaned and its speech
+// detected, while other threads register and remove models and open and close their own sessions.
+// Every stream must come out bit-identical to the same input processed alone, and nothing may race (this binary also runs
 // under ThreadSanitizer in CI).
 #include <gtest/gtest.h>
 
@@ -34,13 +34,22 @@ std::vector<float> testSignal(unsigned host, unsigned frames, unsigned seed) {
     return x;
 }
 
-std::vector<float> clean(void* session, const std::vector<float>& in, unsigned frame) {
+// A stream as a host with noise cleaning and voice detection runs it: each frame cleaned, then its
+// speech probability taken; the cleaned samples followed by the probabilities.
+std::vector<float> process(unsigned host, const char* model, const std::vector<float>& in) {
+    const unsigned frame = host / 100;
+    void* nc = sonelAudioNcCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, model);
+    void* vad = sonelAudioVadCreateSession(rate(host), SONEL_AUDIO_FRAME_10MS, model);
     std::vector<float> out(in.size());
-    for (size_t pos = 0; pos + frame <= in.size(); pos += frame)
-        if (sonelAudioNcCleanAmbientNoiseFloat(session, in.data() + pos, frame, out.data() + pos, frame) !=
-            SONEL_AUDIO_OK)
-            return {};
-    return out;
+    bool ok = nc && vad;
+    for (size_t pos = 0; ok && pos + frame <= in.size(); pos += frame) {
+        ok = sonelAudioNcCleanAmbientNoiseFloat(nc, in.data() + pos, frame, out.data() + pos, frame) ==
+             SONEL_AUDIO_OK;
+        out.push_back(sonelAudioVadFrameFloat(vad, in.data() + pos, frame));
+    }
+    sonelAudioNcCloseSession(nc);
+    sonelAudioVadCloseSession(vad);
+    return ok ? out : std::vector<float>{};
 }
 
 std::vector<char> readFile(const std::string& path) {
@@ -56,6 +65,7 @@ TEST(SessionThreads, StreamsOnEightThreadsMatchTheSameStreamsAlone) {
     testing::internal::CaptureStdout();
     ASSERT_EQ(sonelAudioSetModel(wide(models + "sonel-nc-32k.vlw").c_str(), "wide"), SONEL_AUDIO_OK);
     ASSERT_EQ(sonelAudioSetModel(wide(models + "sonel-nc-16k.vlw").c_str(), "narrow"), SONEL_AUDIO_OK);
+    ASSERT_EQ(sonelAudioSetModel(wide(models + "sonel-vad.vlw").c_str(), "detector"), SONEL_AUDIO_OK);
     testing::internal::GetCapturedStdout();
     const std::vector<char> churnBlob = readFile(models + "sonel-nc-16k.sw");
     ASSERT_FALSE(churnBlob.empty());
@@ -71,12 +81,8 @@ TEST(SessionThreads, StreamsOnEightThreadsMatchTheSameStreamsAlone) {
     std::vector<std::vector<float>> inputs, alone;
     for (unsigned t = 0; t < 8; ++t) {
         inputs.push_back(testSignal(streams[t].host, kFrames, t + 1));
-        void* session = sonelAudioNcCreateSession(rate(streams[t].host), rate(streams[t].host),
-                                                  SONEL_AUDIO_FRAME_10MS, streams[t].model);
-        ASSERT_NE(session, nullptr);
-        alone.push_back(clean(session, inputs[t], streams[t].host / 100));
-        ASSERT_EQ(alone[t].size(), inputs[t].size());
-        ASSERT_EQ(sonelAudioNcCloseSession(session), SONEL_AUDIO_OK);
+        alone.push_back(process(streams[t].host, streams[t].model, inputs[t]));
+        ASSERT_EQ(alone[t].size(), inputs[t].size() + kFrames);
     }
 
     testing::internal::CaptureStdout();
@@ -101,12 +107,7 @@ TEST(SessionThreads, StreamsOnEightThreadsMatchTheSameStreamsAlone) {
     std::vector<std::vector<float>> together(8);
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < 8; ++t)
-        threads.emplace_back([&, t] {
-            void* session = sonelAudioNcCreateSession(rate(streams[t].host), rate(streams[t].host),
-                                                      SONEL_AUDIO_FRAME_10MS, streams[t].model);
-            together[t] = clean(session, inputs[t], streams[t].host / 100);
-            sonelAudioNcCloseSession(session);
-        });
+        threads.emplace_back([&, t] { together[t] = process(streams[t].host, streams[t].model, inputs[t]); });
     for (auto& thread : threads) thread.join();
     streaming = false;
     churn.join();
