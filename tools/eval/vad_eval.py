@@ -403,7 +403,7 @@ def targets(cells, timing, size, allocations):
     for (group, snr), c in sorted(cells.items()):
         best = max(rivals, key=lambda s: c[s][0])
         margins.append((c[SONEL][0] - c[best][0], group, snr, best))
-    short = ["%s %+d dB (%+.3f against %s)" % (g, snr, m, best) for m, g, snr, best in margins if m <= 0]
+    short = ["%s %+d dB (%+.4f against %s)" % (g, snr, m, best) for m, g, snr, best in margins if m <= 0]
     met = len(margins) - len(short)
     lines.append("- AUC above WebRTC (every likelihood), RNNoise and the energy detector at every SNR: "
                  + ("met in all %d cells; smallest margin %+.3f." % (met, min(margins)[0]) if not short else
