@@ -60,6 +60,13 @@ SonelAudioSessionT::SonelAudioSessionT(SonelAudioSamplingRate inputRate,
                                  cleaner_->frameRule(),
                              kSessionFile, __LINE__, "SonelAudioSessionT");
 
+    // A detector takes 10 ms blocks, into which the session cuts each frame: a duration that is
+    // not a whole number of them could be opened but never processed.
+    if (vad && (durationMs_ == 0 || durationMs_ % 10 != 0))
+        throw SonelException("ERROR frame duration " + std::to_string(durationMs_) +
+                                 " ms is not a whole number of the voice detector's 10 ms blocks",
+                             kSessionFile, __LINE__, "SonelAudioSessionT");
+
     const bool sameRates = modelRate == static_cast<unsigned>(inputRate) &&
                            modelRate == static_cast<unsigned>(outputRate);
     if (!sameRates && durationMs_ != 10)

@@ -174,6 +174,39 @@ TEST(SessionRobustness, EveryFrameDurationIsExactOrRefused) {
     EXPECT_GT(refused, 8u);
 }
 
+TEST(SessionRobustness, DetectorSessionsAtEveryDurationDetectOrAreRefused) {
+    GlobalInstance global;
+    CaptureStdout();
+    ASSERT_EQ(sonelAudioSetModel(wide(SONEL_SOURCE_DIR "/models/sonel-vad.vlw").c_str(), "detector"), SONEL_AUDIO_OK);
+    GetCapturedStdout();
+    size_t accepted = 0, refused = 0;
+    for (unsigned host : kHostRates) {
+        const std::vector<float> input = noiseSignal(host * 12 / 10, host);
+        for (unsigned ms : {0u, 5u, 10u, 15u, 20u, 25u, 30u, 40u, 50u}) {
+            SCOPED_TRACE(std::to_string(host) + " Hz host, " + std::to_string(ms) + " ms");
+            CaptureStderr();
+            CaptureStdout();
+            void* session = sonelAudioVadCreateSession(rate(host), SonelAudioFrameDuration(ms), "detector");
+            GetCapturedStdout();
+            const std::string why = GetCapturedStderr();
+            if (!session) {
+                ++refused;
+                if (ms % 10 != 0) EXPECT_NE(why.find("10 ms blocks"), std::string::npos) << why;
+                continue;
+            }
+            ++accepted;
+            const size_t frame = static_cast<size_t>(host) * ms / 1000;
+            for (size_t pos = 0; pos + frame <= input.size(); pos += frame) {
+                const float p = sonelAudioVadFrameFloat(session, input.data() + pos, static_cast<unsigned>(frame));
+                ASSERT_TRUE(p >= 0.0f && p <= 1.0f) << p << " at sample " << pos;
+            }
+            EXPECT_EQ(sonelAudioVadCloseSession(session), SONEL_AUDIO_OK);
+        }
+    }
+    EXPECT_GT(accepted, 8u);
+    EXPECT_GT(refused, 8u);
+}
+
 TEST(SessionRobustness, HostileNumbersInAModelAreRefusedOrBounded) {
     ScratchDir dir;
     GlobalInstance global;
