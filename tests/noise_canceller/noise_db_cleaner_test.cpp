@@ -1,12 +1,13 @@
-// The noise-level estimator through noise-level sessions: its dBFS scale on a model that removes
-// everything, the shipped 16 kHz cleaner on stationary noise, under speech and across a level
-// step, silence and reset, its return codes and its real-time discipline.
+// The noise-level estimator through noise-level sessions: its dBFS scale, the shipped 16 kHz
+// cleaner on noise, speech and level steps, silence, non-finite input and reset, return codes,
+// and frames without allocation.
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
+#include <iostream>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -29,299 +30,203 @@ constexpr float kFloor = NoiseDBCleaner_v0_0_1::kFloorDbfs;
 
 SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
 
-void registerFile(const std::string& path, const char* name) {
+// Registers `path` under `name`, writing `writer` there first when given.
+void registerModel(const std::string& path, const char* name, const SONEL::WEIGHTS::WeightWriter* writer = nullptr) {
+    if (writer) ASSERT_TRUE(writer->writeFile(path));
     CaptureStdout();
     ASSERT_EQ(sonelAudioSetModel(wide(path).c_str(), name), SONEL_AUDIO_OK);
     GetCapturedStdout();
 }
 
-void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWriter& writer, const char* name) {
-    const std::string path = dir.file(std::string(name) + ".vlw");
-    ASSERT_TRUE(writer.writeFile(path));
-    registerFile(path, name);
-}
+const char* const kShipped = SONEL_SOURCE_DIR "/models/sonel-nc-16k.vlw";
 
-// A v0.0.5 model whose mask is 0 everywhere: it removes the whole input, so the level it reports
-// is that of the input itself.
-CleanerModelSpec removesEverything(unsigned modelRate) {
-    CleanerModelSpec spec;
-    spec.rate = modelRate;
-    spec.outputBias = -30.0f;
-    return spec;
-}
-
-double dbfs(double meanSquare) { return 10.0 * std::log10(meanSquare); }
-
-double meanSquare(const std::vector<float>& x, size_t from, size_t to) {
-    double sum = 0.0;
-    for (size_t i = from; i < to; ++i) sum += static_cast<double>(x[i]) * x[i];
-    return sum / static_cast<double>(to - from);
-}
-
-// Stationary noise below 2 kHz (white noise through two one-pole low-passes at 1 kHz, well
-// inside a 16 kHz model's band at any host rate), scaled to `level` dBFS over its length.
+// Stationary noise below 2 kHz (white noise through two one-pole low-passes at 1 kHz, inside a
+// 16 kHz model's band at any host rate), scaled to `level` dBFS over its length.
 std::vector<float> rumble(size_t n, unsigned hz, double level, unsigned seed) {
     std::mt19937 rng(seed);
     std::normal_distribution<double> normal(0.0, 1.0);
     const double a = std::exp(-2.0 * M_PI * 1000.0 / hz);
-    std::vector<float> x(n);
-    double y1 = 0.0, y2 = 0.0;
+    std::vector<double> x(n);
+    double y1 = 0.0, y2 = 0.0, power = 0.0;
     for (size_t i = 0; i < n + hz / 10; ++i) {  // 100 ms run-in for the filters
         y1 = a * y1 + (1.0 - a) * normal(rng);
         y2 = a * y2 + (1.0 - a) * y1;
-        if (i >= hz / 10) x[i - hz / 10] = static_cast<float>(y2);
+        if (i >= hz / 10) power += (x[i - hz / 10] = y2) * y2;
     }
-    const double gain = std::pow(10.0, level / 20.0) / std::sqrt(meanSquare(x, 0, n));
-    for (float& v : x) v = static_cast<float>(v * gain);
-    return x;
+    const double gain = std::pow(10.0, level / 20.0) / std::sqrt(power / static_cast<double>(n));
+    std::vector<float> out(n);
+    for (size_t i = 0; i < n; ++i) out[i] = static_cast<float>(gain * x[i]);
+    return out;
 }
 
 // The level after each 10 ms frame of `x`, through the float path.
 std::vector<float> levels(void* session, const std::vector<float>& x, unsigned hz) {
-    const size_t frame = hz / 100;
     std::vector<float> out;
-    for (size_t pos = 0; pos + frame <= x.size(); pos += frame)
-        out.push_back(sonelAudioNoiseDbFrameFloat(session, x.data() + pos, static_cast<unsigned>(frame)));
+    for (size_t pos = 0; pos + hz / 100 <= x.size(); pos += hz / 100)
+        out.push_back(sonelAudioNoiseDbFrameFloat(session, x.data() + pos, hz / 100));
     return out;
 }
 
-float lowest(const std::vector<float>& v, size_t from, size_t to) {
-    return *std::min_element(v.begin() + static_cast<long>(from), v.begin() + static_cast<long>(to));
-}
-float highest(const std::vector<float>& v, size_t from, size_t to) {
-    return *std::max_element(v.begin() + static_cast<long>(from), v.begin() + static_cast<long>(to));
+// Largest distance of frames [from, to) from `level`.
+float farthest(const std::vector<float>& v, size_t from, size_t to, double level) {
+    float worst = 0.0f;
+    for (size_t k = from; k < to; ++k) worst = std::max(worst, static_cast<float>(std::abs(v[k] - level)));
+    return worst;
 }
 
-const std::string kShippedModel = SONEL_SOURCE_DIR "/models/sonel-nc-16k.vlw";
-
-std::vector<float> readMono48k(const std::filesystem::path& path) {
+// A held-out utterance (48 kHz) at `hz`: means of 48000 / hz samples, a crude but adequate
+// decimation for speech, whose energy lies far below 8 kHz.
+std::vector<float> speechAt(unsigned hz) {
     SF_INFO info{};
-    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
+    SNDFILE* f = sf_open(SONEL_TEST_DATA_DIR "/holdout/speech/ravdess_actor15_03-01-01-01-01-01-15.flac",
+                         SFM_READ, &info);
     if (!f) return {};
-    std::vector<float> all(static_cast<size_t>(info.frames * info.channels));
-    sf_readf_float(f, all.data(), info.frames);
+    std::vector<float> x(static_cast<size_t>(info.frames));
+    sf_readf_float(f, x.data(), info.frames);
     sf_close(f);
-    if (info.samplerate != 48000) return {};
-    std::vector<float> mono(static_cast<size_t>(info.frames));
-    for (size_t i = 0; i < mono.size(); ++i) mono[i] = all[i * static_cast<size_t>(info.channels)];
-    return mono;
+    const size_t step = 48000 / hz;
+    std::vector<float> out;
+    for (size_t i = 0; i + step <= x.size(); i += step)
+        out.push_back(std::accumulate(x.begin() + i, x.begin() + i + step, 0.0f) / step);
+    return out;
 }
 
 }  // namespace
 
 TEST(NoiseLevel, ScaleIsDbfsOfWhatTheCleanerRemovesInAnyFrameSize) {
+    // A model whose mask is 0 everywhere removes the whole input, so the level is the input's:
     // 0 dBFS is a full-scale square wave, so a sine of amplitude A reads 20 log10(A) − 3.01 dB.
-    // Frames of 15 ms and 40 ms at the model's own rate are measured in whole 10 ms hops.
+    // Frames of 15 and 40 ms at the model's rate are measured in whole 10 ms hops.
     ScratchDir dir;
     GlobalInstance global;
-    registerModel(dir, cleanerModel(removesEverything(16000)), "all");
-    for (const auto duration : {SONEL_AUDIO_FRAME_10MS, static_cast<SonelAudioFrameDuration>(15),
-                                static_cast<SonelAudioFrameDuration>(40)}) {
-        SCOPED_TRACE(static_cast<int>(duration));
-        void* session = sonelAudioNoiseDbCreateSession(rate(16000), duration, "all");
+    CleanerModelSpec spec;
+    spec.outputBias = -30.0f;
+    const SONEL::WEIGHTS::WeightWriter all = cleanerModel(spec);
+    registerModel(dir.file("all.vlw"), "all", &all);
+    for (unsigned ms : {10u, 15u, 40u}) {
+        SCOPED_TRACE(ms);
+        void* session = sonelAudioNoiseDbCreateSession(rate(16000), static_cast<SonelAudioFrameDuration>(ms), "all");
         ASSERT_NE(session, nullptr);
-        const size_t frame = 16 * static_cast<size_t>(duration);
-        std::vector<float> level;
-        for (int f = 0; f < 3000 / static_cast<int>(duration); ++f) {
-            std::vector<float> x(frame);
-            for (size_t i = 0; i < frame; ++i)
-                x[i] = 0.1f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * (f * frame + i) / 16000.0));
-            level.push_back(sonelAudioNoiseDbFrameFloat(session, x.data(), static_cast<unsigned>(frame)));
+        std::vector<float> x(16 * ms);
+        float level = 0.0f;
+        for (size_t i = 0; i < 48000; ++i) {
+            x[i % x.size()] = 0.1f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * i / 16000.0));
+            if (i % x.size() == x.size() - 1) level = sonelAudioNoiseDbFrameFloat(session, x.data(), 16 * ms);
         }
-        EXPECT_NEAR(level.back(), -20.0 - 10.0 * std::log10(2.0), 0.01);
+        EXPECT_NEAR(level, -20.0 - 10.0 * std::log10(2.0), 0.01);
         EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
     }
 }
 
-TEST(NoiseLevel, StationaryNoiseIsReadWithinOneAndAHalfDecibelsAndSteadyAtBothHostRates) {
+TEST(NoiseLevel, ShippedCleanerReadsNoiseThroughSpeechAndFollowsStepsAtBothHostRates) {
     GlobalInstance global;
-    registerFile(kShippedModel, "nc16");
+    registerModel(kShipped, "nc16");
     for (unsigned hz : {16000u, 48000u}) {
-        for (double level : {-50.0, -30.0}) {
-            SCOPED_TRACE(std::to_string(hz) + " Hz, " + std::to_string(level) + " dBFS");
-            void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc16");
-            ASSERT_NE(session, nullptr);
-            EXPECT_NE(dynamic_cast<NoiseDBCleaner_v0_0_1*>(
-                          &static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(session)->cleaner()),
-                      nullptr);
-            const std::vector<float> level5s = levels(session, rumble(5 * hz, hz, level, hz), hz);
-            // After one second of settling: every frame within 1.5 dB of the truth, and the
-            // figure moving less than 1 dB in all.
-            EXPECT_GT(lowest(level5s, 100, 500), level - 1.5);
-            EXPECT_LT(highest(level5s, 100, 500), level + 1.5);
-            EXPECT_LT(highest(level5s, 100, 500) - lowest(level5s, 100, 500), 1.0);
-            EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
+        SCOPED_TRACE(hz);
+        void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc16");
+        ASSERT_NE(session, nullptr);
+        ASSERT_NE(dynamic_cast<NoiseDBCleaner_v0_0_1*>(
+                      &static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(session)->cleaner()), nullptr);
+        // Noise at −50 dBFS for 3 s, at −30 for 3 s, back to −50 for 3 s; then an utterance over
+        // the −50 dBFS noise, its loudest 100 ms 25 dB above it.
+        std::vector<float> x;
+        for (double db : {-50.0, -30.0, -50.0}) {
+            const std::vector<float> part = rumble(3 * hz, hz, db, static_cast<unsigned>(x.size() + hz));
+            x.insert(x.end(), part.begin(), part.end());
         }
-    }
-}
+        const std::vector<float> speech = speechAt(hz);
+        std::vector<float> voiced = rumble(speech.size(), hz, -50.0, 4);
+        double loudest = 0.0;
+        for (size_t i = 0; i + hz / 10 <= speech.size(); i += hz / 10)
+            loudest = std::max(loudest, std::inner_product(speech.begin() + i, speech.begin() + i + hz / 10,
+                                                           speech.begin() + i, 0.0) / (hz / 10));
+        for (size_t i = 0; i < speech.size(); ++i)
+            voiced[i] += static_cast<float>(std::pow(10.0, -25.0 / 20.0) / std::sqrt(loudest)) * speech[i];
+        x.insert(x.end(), voiced.begin(), voiced.end());
+        const std::vector<float> level = levels(session, x, hz);
 
-TEST(NoiseLevel, SpeechOverTheSameNoiseMovesTheLevelLittle) {
-    constexpr unsigned hz = 48000;
-    std::vector<float> speech = readMono48k(SONEL_TEST_DATA_DIR
-                                            "/holdout/speech/ravdess_actor15_03-01-01-01-01-01-15.flac");
-    if (speech.empty()) GTEST_SKIP() << "the held-out speech corpus is not beside the checkout";
-    GlobalInstance global;
-    registerFile(kShippedModel, "nc16");
-    void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc16");
-    ASSERT_NE(session, nullptr);
-    // Two seconds of noise at −45 dBFS, then the utterance over the same noise with its loudest
-    // 100 ms 20 dB above it.
-    const double noiseDb = -45.0;
-    const size_t lead = 2 * hz;
-    std::vector<float> x = rumble(lead + speech.size(), hz, noiseDb, 3);
-    double loudest = 0.0;
-    for (size_t i = 0; i + hz / 10 <= speech.size(); i += hz / 10)
-        loudest = std::max(loudest, meanSquare(speech, i, i + hz / 10));
-    const auto gain = static_cast<float>(std::pow(10.0, (noiseDb + 20.0) / 20.0) / std::sqrt(loudest));
-    for (size_t i = 0; i < speech.size(); ++i) x[lead + i] += gain * speech[i];
-    const std::vector<float> reported = levels(session, x, hz);
-
-    // Through the whole utterance the level stays within 3 dB of where the noise alone put it.
-    // (Were every block weighed alike, what the cleaner removes under the voice would pull it
-    // 7 dB down.)
-    const size_t start = lead / (hz / 100);
-    const float before = reported[start - 1];
-    EXPECT_NEAR(before, noiseDb, 1.5);
-    EXPECT_GT(lowest(reported, start, reported.size()), before - 3.0);
-    EXPECT_LT(highest(reported, start, reported.size()), before + 3.0);
-    EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
-}
-
-TEST(NoiseLevel, TwentyDecibelStepsAreFollowedWithinASecond) {
-    // Up and down, through the shipped cleaner and through the model that removes everything
-    // (where nothing but the smoothing shapes the response).
-    ScratchDir dir;
-    GlobalInstance global;
-    registerFile(kShippedModel, "nc16");
-    registerModel(dir, cleanerModel(removesEverything(24000)), "all");  // the better fit at 24 kHz
-    struct Case {
-        const char* model;
-        unsigned hz;
-    };
-    for (const Case& c : {Case{"nc16", 16000}, Case{"all", 24000}}) {
-        for (const auto& [from, to] : {std::pair{-50.0, -30.0}, std::pair{-30.0, -50.0}}) {
-            SCOPED_TRACE(std::string(c.model) + ": " + std::to_string(from) + " to " + std::to_string(to));
-            void* session = sonelAudioNoiseDbCreateSession(rate(c.hz), SONEL_AUDIO_FRAME_10MS, c.model);
-            ASSERT_NE(session, nullptr);
-            std::vector<float> x = rumble(3 * c.hz, c.hz, from, 11);
-            const std::vector<float> after = rumble(3 * c.hz, c.hz, to, 12);
-            x.insert(x.end(), after.begin(), after.end());
-            const std::vector<float> level = levels(session, x, c.hz);
-            // Steady, not jumping: 100 ms after the step it has not gone half way.
-            EXPECT_LT(std::abs(level[310] - from), 10.0);
-            // Within 2 dB of the new level one second after the step, and staying there.
-            EXPECT_GT(lowest(level, 400, 600), to - 2.0);
-            EXPECT_LT(highest(level, 400, 600), to + 2.0);
-            EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
-        }
+        // Stationary noise, after a second's settling: within 1.5 dB, moving less than 1 dB.
+        EXPECT_LT(farthest(level, 100, 300, -50.0), 1.5);
+        EXPECT_LT(farthest(level, 100, 300, level[200]), 1.0);
+        // 20 dB steps: not yet half way after 100 ms, within 2 dB from one second on.
+        EXPECT_LT(std::abs(level[310] + 50.0f), 10.0f);
+        EXPECT_LT(farthest(level, 400, 600, -30.0), 2.0);
+        EXPECT_LT(std::abs(level[610] + 30.0f), 10.0f);
+        EXPECT_LT(farthest(level, 700, 900, -50.0), 2.0);
+        // Through the utterance within 2 dB of the noise's level. (Were speech blocks weighed as
+        // much as others, what the cleaner removes under the voice would pull it 3 to 4 dB low.)
+        if (speech.empty()) std::cout << "no held-out speech beside the checkout: speech not tested\n";
+        else EXPECT_LT(farthest(level, 900, level.size(), level[899]), 2.0);
+        EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
     }
 }
 
 TEST(NoiseLevel, SilenceGivesTheFloorNonFiniteInputIsSilenceAndResetStartsOver) {
     GlobalInstance global;
-    registerFile(kShippedModel, "nc16");
+    registerModel(kShipped, "nc16");
     constexpr unsigned hz = 48000;
     void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc16");
     ASSERT_NE(session, nullptr);
-    const std::vector<float> silence(2 * hz, 0.0f);
-    for (float level : levels(session, silence, hz)) EXPECT_EQ(level, kFloor);
+    for (float level : levels(session, std::vector<float>(hz, 0.0f), hz)) ASSERT_EQ(level, kFloor);
 
-    // Noise, then frames of NaN and infinities: they read as silence and leave the cleaner
-    // working, so the noise that follows is read as before.
+    // Frames of NaN and infinities read as silence and leave the cleaner working.
     const std::vector<float> noise = rumble(2 * hz, hz, -40.0, 5);
-    const std::vector<float> first = levels(session, noise, hz);
+    const float before = levels(session, noise, hz).back();
     std::vector<float> broken(hz, NAN);
     for (size_t i = 0; i < broken.size(); i += 3) broken[i] = i % 2 ? INFINITY : -INFINITY;
-    const std::vector<float> through = levels(session, broken, hz);
-    EXPECT_LT(through.back(), -80.0f);
-    const std::vector<float> again = levels(session, noise, hz);
-    EXPECT_NEAR(again.back(), first.back(), 0.5);
+    EXPECT_LT(levels(session, broken, hz).back(), -80.0f);
+    EXPECT_NEAR(levels(session, noise, hz).back(), before, 0.5);
+    // Four seconds of digital silence bring any level to the floor.
+    EXPECT_NEAR(levels(session, std::vector<float>(4 * hz, 0.0f), hz).back(), kFloor, 0.1);
 
-    // Four seconds of digital silence bring any level to the floor (within 0.1 dB).
-    const std::vector<float> quiet = levels(session, std::vector<float>(4 * hz, 0.0f), hz);
-    EXPECT_NEAR(quiet.back(), kFloor, 0.1);
-
-    // A reset session reads a stream exactly as a new session does.
+    // After a reset the stream reads exactly as in a new session.
     levels(session, noise, hz);
     EXPECT_EQ(sonelAudioNoiseDbResetSession(session), SONEL_AUDIO_OK);
     const std::vector<float> afterReset = levels(session, noise, hz);
     void* fresh = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc16");
-    ASSERT_NE(fresh, nullptr);
     EXPECT_EQ(afterReset, levels(fresh, noise, hz));
     EXPECT_EQ(afterReset.front(), kFloor);
     EXPECT_EQ(sonelAudioNoiseDbCloseSession(fresh), SONEL_AUDIO_OK);
     EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
 }
 
-TEST(NoiseLevel, ReturnCodesOfTheNoiseLevelFunctions) {
+TEST(NoiseLevel, ReturnCodesAndFramesWithoutAllocation) {
     ScratchDir dir;
     GlobalInstance global;
-    registerModel(dir, cleanerModel(removesEverything(16000)), "nc");
+    CleanerModelSpec spec;  // a random network: masks between 0 and 1
+    spec.weightScale = 1.0f;
+    spec.outputBias = 0.0f;
+    const SONEL::WEIGHTS::WeightWriter random = cleanerModel(spec);
+    registerModel(dir.file("nc.vlw"), "nc", &random);
     void* db = sonelAudioNoiseDbCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
     void* nc = sonelAudioNcCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
     ASSERT_NE(db, nullptr);
     ASSERT_NE(nc, nullptr);
     std::vector<float> samples(160, 0.01f);
     std::vector<short> pcm(160, 300);
-    EXPECT_EQ(sonelAudioNoiseDbFrameFloat(db, samples.data(), 160), kFloor);
+    EXPECT_EQ(sonelAudioNoiseDbFrameFloat(db, samples.data(), 160), kFloor);  // nothing through yet
     EXPECT_LT(sonelAudioNoiseDbFrameInt16(db, pcm.data(), 160), -4.5f);
-
-    // Wrong size or no frame: the 16-bit form raises the session's exception (−3), the float
-    // form returns −2.
+    // Wrong size or no frame: −3 (the session's exception) for 16-bit frames, −2 for float ones.
+    // Not a noise-level session: −4 from the frame functions, the exception from reset.
     CaptureStderr();
     EXPECT_EQ(sonelAudioNoiseDbFrameInt16(db, pcm.data(), 159), -3.0f);
-    EXPECT_EQ(sonelAudioNoiseDbFrameInt16(db, nullptr, 160), -3.0f);
-    EXPECT_EQ(sonelAudioNoiseDbFrameFloat(db, samples.data(), 161), -2.0f);
     EXPECT_EQ(sonelAudioNoiseDbFrameFloat(db, nullptr, 160), -2.0f);
-    const std::string sizeErrors = GetCapturedStderr();
-    EXPECT_NE(sizeErrors.find("input size must be 160"), std::string::npos);
-    EXPECT_NE(sizeErrors.find("ERROR in input values"), std::string::npos);
-
-    // Not a noise-level session, or no session at all: −4 from the frame functions; reset and
-    // close refuse it with the library's exception.
-    int notASession = 0;
-    CaptureStderr();
     EXPECT_EQ(sonelAudioNoiseDbFrameFloat(nc, samples.data(), 160), -4.0f);
-    EXPECT_EQ(sonelAudioNoiseDbFrameInt16(&notASession, pcm.data(), 160), -4.0f);
-    EXPECT_EQ(sonelAudioNoiseDbFrameFloat(nullptr, samples.data(), 160), -4.0f);
+    EXPECT_EQ(sonelAudioNoiseDbFrameInt16(nullptr, pcm.data(), 160), -4.0f);
     EXPECT_EQ(sonelAudioNoiseDbResetSession(nc), SONEL_AUDIO_SONEL_EXCEPTION);
-    EXPECT_EQ(sonelAudioNoiseDbCloseSession(nc), SONEL_AUDIO_SONEL_EXCEPTION);
-    EXPECT_EQ(sonelAudioNcCleanAmbientNoiseFloat(db, samples.data(), 160, samples.data(), 160),
-              SONEL_AUDIO_WRONG_SESSION);
-    GetCapturedStderr();
+    EXPECT_NE(GetCapturedStderr().find("input size must be 160"), std::string::npos);
     EXPECT_EQ(sonelAudioNcCloseSession(nc), SONEL_AUDIO_OK);
     EXPECT_EQ(sonelAudioNoiseDbCloseSession(db), SONEL_AUDIO_OK);
 
-    // Only a cleaner of version 0.0.5 measures noise: the same network labelled 0.0.6 is refused.
-    const SONEL::WEIGHTS::WeightWriter original = cleanerModel(removesEverything(16000));
-    SONEL::WEIGHTS::WeightWriter newer;
-    for (const auto& record : original.records())
-        newer.add(record.name, record.name == "Version" ? SONEL::WEIGHTS::WeightWriter::Value(std::string("0.0.6")) : record.value);
-    ASSERT_EQ(sonelAudioRemoveModel("nc"), SONEL_AUDIO_OK);
-    registerModel(dir, newer, "newer");
-    CaptureStderr();
-    EXPECT_EQ(sonelAudioNoiseDbCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "newer"), nullptr);
-    EXPECT_NE(GetCapturedStderr().find("Unsupported weight version"), std::string::npos);
-}
-
-TEST(NoiseLevel, NoAllocationPerFrameAfterWarmUp) {
-    ScratchDir dir;
-    GlobalInstance global;
-    CleanerModelSpec spec;
-    spec.weightScale = 1.0f;  // a random network: masks between 0 and 1
-    spec.outputBias = 0.0f;
-    registerModel(dir, cleanerModel(spec), "random");
     for (unsigned hz : {16000u, 48000u}) {
         SCOPED_TRACE(hz);
-        void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "random");
+        void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc");
         ASSERT_NE(session, nullptr);
         const std::vector<float> x = rumble(3 * hz, hz, -30.0, 9);
-        const size_t frame = hz / 100;
         for (size_t f = 0; f < 300; ++f) {
             const size_t before = allocationCount();
-            const float level = sonelAudioNoiseDbFrameFloat(session, x.data() + f * frame, static_cast<unsigned>(frame));
+            sonelAudioNoiseDbFrameFloat(session, x.data() + f * (hz / 100), hz / 100);
             if (f >= 10) ASSERT_EQ(allocationCount(), before) << "frame " << f;
-            ASSERT_LE(level, NoiseDBCleaner_v0_0_1::kCeilingDbfs);
         }
         EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
     }

@@ -188,7 +188,7 @@ def page(results, times, args, command):
                  % (TARGET_SPEECH_DB, figure(16000, "speech", TARGET_SPEECH_DB), figure(48000, "speech", TARGET_SPEECH_DB)))
     lines.append("| median absolute error on noise alone <= %g dB | %s | %s |"
                  % (TARGET_NOISE_DB, figure(16000, "noise", TARGET_NOISE_DB), figure(48000, "noise", TARGET_NOISE_DB)))
-    lines.append("| zero allocations per frame | 0 (test NoiseLevel.NoAllocationPerFrameAfterWarmUp) | "
+    lines.append("| zero allocations per frame | 0 (test NoiseLevel.ReturnCodesAndFramesWithoutAllocation) | "
                  "0 (same test) |")
 
     def cost(host, model):
