@@ -91,7 +91,9 @@ TEST(ShippedModels, EveryModelRemovesNoiseFromANoisyMixture) {
 
     size_t tested = 0;
     for (const auto& entry : std::filesystem::directory_iterator(models)) {
-        if (entry.path().extension() != ".sw") continue;
+        // The cleaners; the voice detector beside them cleans nothing.
+        const std::string name = entry.path().filename().string();
+        if (entry.path().extension() != ".sw" || name.rfind("sonel-nc-", 0) != 0) continue;
         SCOPED_TRACE(entry.path().filename().string());
         ++tested;
         GlobalInstance global;
