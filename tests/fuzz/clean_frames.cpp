@@ -7,9 +7,10 @@
 // A session, once made, serves every later input with its configuration until an input asks for
 // it to be closed: opening one that resamples costs more than everything else an input does (the
 // converters build their filter tables), and a host's stream runs on across calls the same way.
-// A close is honoured only once the session has served kInputsBeforeClose inputs: the fuzzer
-// learns the comparison on the first byte and soon asked for a close in 4 inputs out of 10,
-// which spent three quarters of the run reopening converters.
+// A close, and a noise-level reset (which reopens the converters too), is honoured at most once
+// per kInputsPerReopen inputs of the session: the fuzzer learns the comparisons that ask for them
+// and soon asked in 4 inputs out of 10, which spent half to three quarters of the run reopening
+// converters.
 // A finding that does not replay alone replays with the corpus inputs run before it.
 //
 // Control byte: bit 0 16-bit samples; bit 1 the "WithRingtone" (VAD: "Ex") variant, bit 2 its
@@ -44,7 +45,7 @@ constexpr SonelAudioFrameDuration kDurations[] = {SONEL_AUDIO_FRAME_10MS, SONEL_
                                                   SONEL_AUDIO_FRAME_30MS, SONEL_AUDIO_FRAME_40MS,
                                                   static_cast<SonelAudioFrameDuration>(25)};
 constexpr char kModel[] = "fuzz";
-constexpr unsigned kInputsBeforeClose = 32;
+constexpr unsigned kInputsPerReopen = 32;
 
 class Input {
 public:
@@ -73,9 +74,8 @@ struct Session {
     unsigned durationMs;
     uint64_t cleanedMs = 0;
     unsigned inputs = 0;  // served so far
-    // A noise-level reset reopens the converters (their filter tables cost about 1.5 ms), so one
-    // input resets at most once: a second in the same input reaches nothing the first did not.
-    bool resetThisInput = false;
+    // Inputs served at the last noise-level reset (none yet: a reset is allowed at once).
+    int64_t resetAt = -int64_t{kInputsPerReopen};
 };
 
 // Kind, input rate, output rate, frame duration.
@@ -239,10 +239,11 @@ void frame(Session& s, Input& input, uint8_t control) {
     if (control & 64) {
         const bool on = control & 128;
         if (s.kind == SONEL_AUDIO_SESSION_NOISE_DB) {
-            if (!s.resetThisInput)
+            if (s.inputs >= s.resetAt + kInputsPerReopen) {
                 check(sonelAudioNoiseDbResetSession(s.handle) == SONEL_AUDIO_OK,
                       "noise-level reset");
-            s.resetThisInput = true;
+                s.resetAt = s.inputs;
+            }
         } else
             check(sonelAudioNcBackgroundSpeakerFixOnOff(s.handle, on) ==
                       (s.kind == SONEL_AUDIO_SESSION_NC ? SONEL_AUDIO_OK : SONEL_AUDIO_FAILED),
@@ -384,7 +385,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         stored = gSessions.emplace(configuration, s).first;
     }
     Session& s = stored->second;
-    s.resetThisInput = false;
     ++s.inputs;
 
     while (!input.empty()) {
@@ -394,7 +394,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         else
             frame<float>(s, input, control);
     }
-    if (closeAfter && s.inputs >= kInputsBeforeClose) {
+    if (closeAfter && s.inputs >= kInputsPerReopen) {
         check(close(kind, s.handle) == SONEL_AUDIO_OK, "close the session");
         gSessions.erase(stored);
     }
