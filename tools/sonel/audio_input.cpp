@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <iostream>
 #include <sstream>
 
@@ -103,6 +104,19 @@ int readAudio(const std::string& path, AudioInput& out) {
     if (nonFinite > 0)
         reportWarning("'" + path + "' holds " + std::to_string(nonFinite) +
                       " non-finite samples (NaN or infinity); they are taken as silence");
+    return 0;
+}
+
+int largestOverChannels(const AudioInput& input,
+                        const std::function<int(size_t, std::vector<float>&)>& channelValues,
+                        std::vector<float>& out) {
+    std::vector<float> channel;
+    out.clear();
+    for (size_t c = 0; c < input.channels; ++c) {
+        if (int status = channelValues(c, channel)) return status;
+        out.resize(channel.size(), std::numeric_limits<float>::lowest());
+        for (size_t k = 0; k < channel.size(); ++k) out[k] = std::max(out[k], channel[k]);
+    }
     return 0;
 }
 

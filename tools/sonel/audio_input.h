@@ -3,6 +3,7 @@
 // length of a command and registering a model file or the embedded default.
 #include <sndfile.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,6 +42,12 @@ private:
 // `name`. Returns 0, or the status of the error it reported.
 int loadModel(const std::string& path, const char* name, const unsigned char* embedded,
               unsigned embeddedSize);
+
+// Per 10 ms frame, the largest of the channels' values, where `channelValues(c, out)` fills
+// channel c's (returning 0, or the status of the error it reported). Returns 0 or that status.
+int largestOverChannels(const AudioInput& input,
+                        const std::function<int(size_t, std::vector<float>&)>& channelValues,
+                        std::vector<float>& out);
 
 // Registers the voice activity model file at `path`, or the embedded one when `path` is empty.
 int registerVadModel(const std::string& path);

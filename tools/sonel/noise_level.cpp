@@ -85,12 +85,10 @@ int runNoiseLevel(const Args& args) {
 
     // Each channel has its own session; a frame's level is that of its noisiest channel, the
     // noise a listener of the mix hears most.
-    std::vector<float> levels, channel;
-    for (size_t c = 0; c < input.channels; ++c) {
-        if (int status = channelLevels(input, c, channel)) return status;
-        levels.resize(channel.size(), std::numeric_limits<float>::lowest());
-        for (size_t k = 0; k < channel.size(); ++k) levels[k] = std::max(levels[k], channel[k]);
-    }
+    std::vector<float> levels;
+    if (int status = largestOverChannels(
+            input, [&](size_t c, std::vector<float>& out) { return channelLevels(input, c, out); }, levels))
+        return status;
 
     switch (format) {
         case Format::Frames:

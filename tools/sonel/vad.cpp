@@ -111,12 +111,11 @@ int runVad(const Args& args) {
     if (int status = registerVadModel(modelPath)) return status;
 
     // A frame is speech when any channel holds speech.
-    std::vector<float> probabilities, channel;
-    for (size_t c = 0; c < input.channels; ++c) {
-        if (int status = speechProbabilities(input, c, channel)) return status;
-        probabilities.resize(channel.size(), 0.0f);
-        for (size_t k = 0; k < channel.size(); ++k) probabilities[k] = std::max(probabilities[k], channel[k]);
-    }
+    std::vector<float> probabilities;
+    if (int status = largestOverChannels(
+            input, [&](size_t c, std::vector<float>& out) { return speechProbabilities(input, c, out); },
+            probabilities))
+        return status;
     const double seconds = static_cast<double>(input.length) / input.info.samplerate;
     const auto hangoverFrames = static_cast<size_t>(hangoverMs / kFrameMs + 0.5);
     const std::vector<Segment> found = segments(probabilities, threshold, hangoverFrames, seconds);
