@@ -5,7 +5,8 @@
 //
 // FILE is raw float32 mono audio at RATE Hz, looped for SECONDS of stream. Frames are paced in
 // real time unless --unpaced. Prints one JSON object: resident memory at the start, middle and
-// end, and per-frame processing time (median, p99, max) of each third of the run.
+// end, per-frame processing time (median, p99, max) of each third of the run, and every frame
+// that took longer than the 10 ms a host has for it, with when it came (the first 1000).
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -14,6 +15,7 @@
 #include <iostream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "denoisers.h"
@@ -80,6 +82,10 @@ int main(int argc, char** argv) {
     const size_t frames = static_cast<size_t>(seconds * 100.0);
     std::vector<float> out(frame);
     Third thirds[3];
+    for (Third& t : thirds) t.micros.reserve(frames / 3 + 1);
+    // (stream second, microseconds) of each frame over its 10 ms budget.
+    std::vector<std::pair<double, double>> late;
+    late.reserve(1000);
     long rss[3] = {0, 0, 0};
     using Clock = std::chrono::steady_clock;
     const Clock::time_point start = Clock::now();
@@ -92,6 +98,7 @@ int main(int argc, char** argv) {
         position += frame;
         Third& third = thirds[std::min<size_t>(3 * f / frames, 2)];
         third.micros.push_back(micros);
+        if (micros > 10000.0 && late.size() < late.capacity()) late.emplace_back(f / 100.0, micros);
         for (float y : out) third.outputPower += static_cast<double>(y) * y / static_cast<double>(frame);
         // After one second (buffers at their steady size), halfway, and at the end.
         if (f == 100) rss[0] = residentKiB();
@@ -99,8 +106,15 @@ int main(int argc, char** argv) {
         if (paced) std::this_thread::sleep_until(start + std::chrono::milliseconds(10 * (f + 1)));
     }
     rss[2] = residentKiB();
-    std::printf("{\"rate\": %u, \"seconds\": %.0f, \"paced\": %s, \"rss_kib\": [%ld, %ld, %ld], \"thirds\": [%s, %s, %s]}\n",
+    std::string lateList;
+    for (const auto& [second, micros] : late) {
+        char item[64];
+        std::snprintf(item, sizeof item, "%s[%.2f, %.0f]", lateList.empty() ? "" : ", ", second, micros);
+        lateList += item;
+    }
+    std::printf("{\"rate\": %u, \"seconds\": %.0f, \"paced\": %s, \"rss_kib\": [%ld, %ld, %ld], \"thirds\": [%s, %s, %s], "
+                "\"late_frames\": [%s]}\n",
                 rate, seconds, paced ? "true" : "false", rss[0], rss[1], rss[2], summary(thirds[0]).c_str(),
-                summary(thirds[1]).c_str(), summary(thirds[2]).c_str());
+                summary(thirds[1]).c_str(), summary(thirds[2]).c_str(), lateList.c_str());
     return 0;
 }
