@@ -150,6 +150,17 @@ def active_power(x, rate):
     return float(power[power > power.max() * 10 ** (-ACTIVITY_RANGE_DB / 10)].mean())
 
 
+def activity_labels(x, rate, range_db, hangover, floor=0.0):
+    """1 for the 10 ms frames where `x` is within `range_db` of its active level (and above
+    `floor`), held for `hangover` frames after each: the labels of the detectors' training."""
+    power = frame_power(x, rate)
+    loud = (power > active_power(x, rate) * 10 ** (-range_db / 10)) & (power > floor)
+    labels = loud.copy()
+    for lag in range(1, hangover + 1):
+        labels[lag:] |= loud[:-lag]
+    return labels.astype(np.float32)
+
+
 def _shelf(rng, rate, low):
     """RBJ shelving biquad, random corner and gain, as second-order sections."""
     f = rng.uniform(100.0, 400.0) if low else rng.uniform(2000.0, 0.4 * rate)

@@ -34,7 +34,7 @@ import torch
 
 import network as net
 from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
-from mixing import P_NOISE_ONLY, Mixer, active_power, frame_power
+from mixing import P_NOISE_ONLY, Mixer, activity_labels
 from train import DEFAULT_DATA, learning_rate, save
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "reference"))
@@ -62,13 +62,7 @@ MODEL_NAME = "sonel-vad"
 
 def speech_labels(target, rate):
     """1 for the 10 ms blocks that hold speech (see the module's description)."""
-    power = frame_power(target, rate)
-    level = active_power(target, rate)
-    loud = (power > level * 10 ** (-LABEL_RANGE_DB / 10)) & (power > LABEL_FLOOR)
-    labels = loud.copy()
-    for lag in range(1, HANGOVER_BLOCKS + 1):
-        labels[lag:] |= loud[:-lag]
-    return labels.astype(F32)
+    return activity_labels(target, rate, LABEL_RANGE_DB, HANGOVER_BLOCKS, LABEL_FLOOR)
 
 
 def onset_mask(labels):
