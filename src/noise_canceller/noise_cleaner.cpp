@@ -7,6 +7,7 @@
 
 #include "noise_canceller/noise_cleaner_v0_0_5.h"
 #include "noise_canceller/noise_db_cleaner_v0_0_1.h"
+#include "noise_canceller/ringtone_cleaner_v0_0_1.h"
 #include "noise_canceller/vad_cleaner_v0_0_1.h"
 #include "sonel_audio_sdk/instance.h"
 #include "utils/fft.h"
@@ -29,6 +30,36 @@ void readStatsKey(const CONTAINERS::AnyMap& environment, const char* key, const 
         field = std::stoi(*text);
         std::cout << label << field << std::endl;
     }
+}
+
+enum class ModelKind { Cleaner, VoiceDetector, RingtoneDetector };
+
+// Voice detectors carry "VAD" in their version; a ringtone detector shares its version with the
+// cleaners of its generation and is told apart by its own version record.
+ModelKind kindOf(const WEIGHTS::Weight& weight) {
+    const std::string* version = weight.find<std::string>("Version");
+    if (version && version->find("VAD") != std::string::npos) return ModelKind::VoiceDetector;
+    const std::string* ringtone = weight.find<std::string>("RingtoneVersion");
+    if (ringtone && !ringtone->empty()) return ModelKind::RingtoneDetector;
+    return ModelKind::Cleaner;
+}
+
+ModelKind kindFor(SonelAudioSessionType sessionType) {
+    switch (sessionType) {
+        case SONEL_AUDIO_SESSION_VAD:
+            return ModelKind::VoiceDetector;
+        case SONEL_AUDIO_SESSION_RINGTONE:
+            return ModelKind::RingtoneDetector;
+        default:
+            return ModelKind::Cleaner;
+    }
+}
+
+std::vector<ModelPtr> modelsOfKind(const std::vector<ModelPtr>& models, ModelKind kind) {
+    std::vector<ModelPtr> matching;
+    for (const ModelPtr& m : models)
+        if (kindOf(*m->first) == kind) matching.push_back(m);
+    return matching;
 }
 
 }  // namespace
@@ -143,6 +174,21 @@ void NoiseCleaner::noiseStatsUpdate(double level, unsigned long frameDurationMs)
     noiseTimeByLevel[level_class] += static_cast<uint32_t>(statsAccumulationCount * frameDurationMs);
 }
 
+double NoiseCleaner::ringtoneProbability(const float* samples, size_t count) {
+    if (!ringtoneModel_) return -1.0;
+    if (!ringtone_) {
+        try {
+            ringtone_ = std::make_unique<RingtoneCleaner_v0_0_1>(ringtoneModel_, sampleRate_);
+        } catch (const std::exception& e) {
+            std::cerr << "WARNING ringtone detector not built, frames are not evaluated: " << e.what()
+                      << std::endl;
+            ringtoneModel_.reset();
+            return -1.0;
+        }
+    }
+    return ringtone_->detect(samples, count);
+}
+
 void NoiseCleaner::getNcStats(NoiseVoiceStats* out) {
     for (uint32_t level = 0; level < 4; ++level)
         out->noiseTimeByLevel[level] = noiseTimeByLevel[level];
@@ -184,16 +230,40 @@ std::shared_ptr<NoiseCleaner> NoiseCleaner::create(SonelAudioSamplingRate rate,
     // a host that registers one model per rate gets the right one for every stream.
     if (name && !instance->models().count(name))
         throw SonelException("Weight with this name isn't found", kCleanerFile, __LINE__, "create");
-    const ModelPtr chosen = selectModel(models, rate, sessionType);
+    // Only models of the session's kind compete, so a ringtone session beside a 16 kHz cleaner
+    // gets the detector and an 8 kHz cleaning session never gets a detector. With none of that
+    // kind registered all of them do, and a wrong one is refused below by its version.
+    const std::vector<ModelPtr> ofKind = modelsOfKind(models, kindFor(sessionType));
+    const ModelPtr chosen = selectModel(ofKind.empty() ? models : ofKind, rate, sessionType);
     if (!chosen) throw SonelException("Weight not found ", kCleanerFile, __LINE__, "create");
 
     const std::string version = WEIGHTS::getWeightVersion(*chosen->first);
     const unsigned modelRate = WEIGHTS::getWeightInfo(*chosen->first).first;
     const bool cleaning =
         sessionType == SONEL_AUDIO_SESSION_NC || sessionType == SONEL_AUDIO_SESSION_NC_WITH_STATS;
-    if (cleaning && version == "0.0.5") return std::make_shared<NoiseCleaner_v0_0_5>(chosen, modelRate);
+    if (cleaning && version == "0.0.5") {
+        auto cleaner = std::make_shared<NoiseCleaner_v0_0_5>(chosen, modelRate);
+        // The detector for the cleaning session's ringtone flag is picked now, by the rule a
+        // ringtone session at the cleaner's rate follows. A detector file the registry cannot
+        // place leaves the flag without effect rather than refusing the cleaning session.
+        const std::vector<ModelPtr> detectors = modelsOfKind(models, ModelKind::RingtoneDetector);
+        if (!detectors.empty()) {
+            try {
+                cleaner->setRingtoneModel(
+                    selectModel(detectors, static_cast<SonelAudioSamplingRate>(modelRate),
+                                SONEL_AUDIO_SESSION_RINGTONE));
+            } catch (const SonelException& e) {
+                std::cerr << "WARNING no ringtone detector for this session: " << e.what() << std::endl;
+            }
+        }
+        return cleaner;
+    }
     if (sessionType == SONEL_AUDIO_SESSION_VAD && version == "VAD_0.0.1")
         return std::make_shared<VadCleaner_v0_0_1>(chosen, modelRate);
+    // A ringtone detector works at the session's own rate: its features do not depend on it.
+    if (sessionType == SONEL_AUDIO_SESSION_RINGTONE && version == "0.0.6" &&
+        kindOf(*chosen->first) == ModelKind::RingtoneDetector)
+        return std::make_shared<RingtoneCleaner_v0_0_1>(chosen, static_cast<unsigned>(rate));
     if (sessionType == SONEL_AUDIO_SESSION_NOISE_DB && version == "0.0.5")
         return std::make_shared<NoiseDBCleaner_v0_0_1>(chosen, modelRate);
     throw SonelException("Unsupported weight version", kCleanerFile, __LINE__, "create");

@@ -19,6 +19,8 @@ class FFT;
 
 namespace SONEL::NOISE_CANCELLER {
 
+class RingtoneCleaner_v0_0_1;
+
 class SONEL_EXPORT NoiseCleaner {
 public:
     NoiseCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate);
@@ -46,7 +48,12 @@ public:
     void voiceStatsUpdate(double energy, unsigned long frameDurationMs);
     void noiseStatsUpdate(double level, unsigned long frameDurationMs);
     void getNcStats(NoiseVoiceStats* out);
+    // The ringtone detector a cleaner reports with when a frame asks for it: chosen when the
+    // session is made, so the audio thread never reads the registry. Null: never evaluated.
+    void setRingtoneModel(WEIGHTS::ModelPtr detector) { ringtoneModel_ = std::move(detector); }
 
+    // The model class for a session. Only registered models of the session's kind compete
+    // (voice detectors, ringtone detectors or cleaners), all of them when none is of that kind.
     static std::shared_ptr<NoiseCleaner> create(SonelAudioSamplingRate rate,
                                                 SonelAudioFrameDuration duration, const char* name,
                                                 SonelAudioSessionType sessionType);
@@ -57,6 +64,11 @@ public:
                                          SonelAudioSessionType sessionType);
 
 protected:
+    // The ringtone probability of `count` samples at this cleaner's rate, or −1.0 when there is
+    // no detector. The first call builds the detector (the one allocation); a model that cannot
+    // be built is reported once and forgotten, so the cleaning itself goes on.
+    double ringtoneProbability(const float* samples, size_t count);
+
     WEIGHTS::ModelPtr model;
 
 private:
@@ -85,6 +97,9 @@ private:
     uint64_t silentRun = 0;
     uint32_t talkTime = 0;
     std::unordered_map<uint32_t, uint32_t> noiseTimeByLevel;
+
+    WEIGHTS::ModelPtr ringtoneModel_;
+    std::unique_ptr<RingtoneCleaner_v0_0_1> ringtone_;
 };
 
 }  // namespace SONEL::NOISE_CANCELLER

@@ -72,8 +72,11 @@ std::string SpectralCleaner::frameRule() const {
            std::to_string(maxFrame_);
 }
 
-bool SpectralCleaner::cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info, bool /*flag*/) {
+bool SpectralCleaner::cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info, bool flag) {
     if (frame.empty() || frame.size() > maxFrame_) return false;
+    // The ringtone flag only reports: the detector reads the frame as it came, before cleaning,
+    // and nothing of it reaches the cleaner.
+    const double ringtone = flag && info ? ringtoneProbability(frame.data(), frame.size()) : -1.0;
     const MaskParams& params = maskParams_;
     const auto [low, high] = std::minmax_element(frame.begin(), frame.end());
     const float peak = std::max(std::fabs(*low), std::fabs(*high));
@@ -98,7 +101,7 @@ bool SpectralCleaner::cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info,
         const double blocks = blocksInFrame_ ? blocksInFrame_ : 1;
         info->voiceLevel = UTILS::energyLevel(voiceEnergy_ / blocks);
         info->noiseLevel = UTILS::energyLevel(noiseEnergy_ / blocks);
-        info->ringtoneProbability = -1.0;
+        info->ringtoneProbability = ringtone;
         const unsigned long durationMs = frame.size() * 1000 / frontEnd_.sampleRate;
         noiseStatsUpdate(info->noiseLevel, durationMs);
         voiceStatsUpdate(info->voiceLevel, durationMs);

@@ -67,6 +67,14 @@ SonelAudioSessionT::SonelAudioSessionT(SonelAudioSamplingRate inputRate,
                                  " ms is not a whole number of the voice detector's 10 ms blocks",
                              kSessionFile, __LINE__, "SonelAudioSessionT");
 
+    // A ringtone detector gathers frames of any length into its 10 ms hops, at the session's own
+    // rate; a frame still has to hold a sample.
+    if (type == SONEL_AUDIO_SESSION_RINGTONE && inputFrameSize_ == 0)
+        throw SonelException("ERROR frame duration " + std::to_string(durationMs_) +
+                                 " ms holds no samples at " + std::to_string(static_cast<unsigned>(inputRate)) +
+                                 " Hz",
+                             kSessionFile, __LINE__, "SonelAudioSessionT");
+
     const bool sameRates = modelRate == static_cast<unsigned>(inputRate) &&
                            modelRate == static_cast<unsigned>(outputRate);
     if (!sameRates && durationMs_ != 10)
