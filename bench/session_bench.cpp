@@ -1,7 +1,7 @@
 // One 10 ms frame through the public float path, at 16 and 48 kHz host rates, with 16 and 32 kHz
 // cleaning models of the size the shipped models use (random weights: the cost does not depend on
-// them), the noise-level estimator on the same models, and the shipped voice detector at 8, 16 and
-// 48 kHz hosts.
+// them), the noise-level estimator on the same models, and the shipped voice and ringtone
+// detectors.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
@@ -70,32 +70,51 @@ BENCHMARK(BM_NcFrame)
     ->Args({16000, 32000})
     ->Args({48000, 32000});
 
-// The shipped detector runs at 8 kHz; other hosts add the session's resampler.
-void BM_VadFrame(benchmark::State& state) {
+// A shipped detector's session, one 10 ms frame at a time: the voice detector runs at 8 kHz, so
+// other hosts add the session's resampler; the ringtone detector runs at the host's rate.
+struct DetectorBench {
+    const char* model;  // under models/
+    void* (*create)(SonelAudioSamplingRate, SonelAudioFrameDuration, const char*);
+    float (*frame)(void*, const float*, unsigned);
+    int32_t (*close)(void*);
+};
+
+void detectorFrames(benchmark::State& state, const DetectorBench& detector) {
     const auto hostRate = static_cast<unsigned>(state.range(0));
-    const std::string path = SONEL_SOURCE_DIR "/models/sonel-vad.vlw";
+    const std::string path = std::string(SONEL_SOURCE_DIR "/models/") + detector.model;
     sonelAudioGlobalInit(nullptr);
     const std::wstring widePath(path.begin(), path.end());
     void* session = nullptr;
-    if (sonelAudioSetModel(widePath.c_str(), "vad") == SONEL_AUDIO_OK)
-        session = sonelAudioVadCreateSession(static_cast<SonelAudioSamplingRate>(hostRate),
-                                             SONEL_AUDIO_FRAME_10MS, "vad");
+    if (sonelAudioSetModel(widePath.c_str(), "detector") == SONEL_AUDIO_OK)
+        session = detector.create(static_cast<SonelAudioSamplingRate>(hostRate), SONEL_AUDIO_FRAME_10MS, "detector");
     if (!session) {
         sonelAudioGlobalDestroy();
-        state.SkipWithError("no detector session (models/sonel-vad.vlw missing?)");
+        state.SkipWithError(("no detector session (models/" + std::string(detector.model) + " missing?)").c_str());
         return;
     }
     const unsigned frame = hostRate / 100;
     std::vector<float> in(frame);
     for (unsigned i = 0; i < frame; ++i) in[i] = 0.1f * std::sin(0.05f * i) + 0.01f * ((i * 7919) % 13 - 6);
-    for (auto _ : state) benchmark::DoNotOptimize(sonelAudioVadFrameFloat(session, in.data(), frame));
+    for (auto _ : state) benchmark::DoNotOptimize(detector.frame(session, in.data(), frame));
     state.SetItemsProcessed(state.iterations());
-    sonelAudioVadCloseSession(session);
-    sonelAudioRemoveModel("vad");
+    detector.close(session);
+    sonelAudioRemoveModel("detector");
     sonelAudioGlobalDestroy();
 }
 
+void BM_VadFrame(benchmark::State& state) {
+    detectorFrames(state, {"sonel-vad.vlw", sonelAudioVadCreateSession, sonelAudioVadFrameFloat,
+                           sonelAudioVadCloseSession});
+}
+
 BENCHMARK(BM_VadFrame)->ArgName("host_hz")->Arg(8000)->Arg(16000)->Arg(48000);
+
+void BM_RingtoneFrame(benchmark::State& state) {
+    detectorFrames(state, {"sonel-ringtone.vlw", sonelAudioRingtoneCreateSession,
+                           sonelAudioDetectRingtoneFrameFloat, sonelAudioRingtoneCloseSession});
+}
+
+BENCHMARK(BM_RingtoneFrame)->ArgName("host_hz")->Arg(16000)->Arg(44100)->Arg(48000);
 
 // The noise-level estimator runs the cleaner on a copy of each frame: beside BM_NcFrame at the
 // same rates this shows what measuring and smoothing add.

@@ -33,8 +33,6 @@ STATE_WEIGHT_SCALE = 0.4
 # of (0, 1) without saturating.
 LOGIT_SPREAD = 1.5
 SD_FLOOR = 0.1
-# The registry places a model by its rate and frame length: 80 samples, the 10 ms hop at 8 kHz.
-REGISTRY_FRAME_LENGTH = 80
 
 
 def test_signal(rate, rng):
@@ -92,9 +90,7 @@ def random_network(rng, input_layers):
 
 
 def records_for(mu, sd, network, seed):
-    records = ring.model_records(mu, sd, name="ringtone-parity-%d" % seed, timestamp="20260101T000000", **network)
-    records["FrameLength"] = sw.Record(sw.UINT, REGISTRY_FRAME_LENGTH)
-    return records
+    return ring.model_records(mu, sd, name="ringtone-parity-%d" % seed, timestamp="20260101T000000", **network)
 
 
 def write_case(outdir, seed, rate, input_layers):

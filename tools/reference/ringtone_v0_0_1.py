@@ -114,6 +114,8 @@ def model_records(mu, sd, in_ws, in_bs, in_gains, in_betas, gru_w, gru_b, reset_
         "Version": R(sw.STRING, VERSION),
         "RingtoneVersion": R(sw.STRING, RINGTONE_VERSION),
         "SampleRate": R(sw.UINT, MODEL_RATE),
+        # Selection and the registry read every model's frame: the 10 ms hop at the model's rate.
+        "FrameLength": R(sw.UINT, MODEL_RATE // 100),
         "MU": R(sw.VECTOR, vec(mu)),
         "SD": R(sw.VECTOR, vec(sd)),
         "WeightLinear": R(sw.MATRIX_LIST, [vec(w) for w in in_ws]),

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "sonel-audio-sdk.h"
+
 namespace sonel_cli {
 
 struct SndFileCloser {
@@ -49,12 +51,32 @@ int largestOverChannels(const AudioInput& input,
                         const std::function<int(size_t, std::vector<float>&)>& channelValues,
                         std::vector<float>& out);
 
-// Registers the voice activity model file at `path`, or the embedded one when `path` is empty.
-int registerVadModel(const std::string& path);
+// A detector of the library: the voice activity detector or the ringtone detector, each a
+// probability per frame through its own session functions.
+struct Detector {
+    const char* modelName;  // the registry key of its model, and the subcommand's name
+    const char* what;       // "voice activity", "ringtone": for messages
+    const char* found;      // what a detected frame holds: "speech", "ring"
+    double hangoverMs;      // how long a segment is held after its last detected frame, by default
+    const unsigned char* embedded;
+    unsigned embeddedSize;
+    void* (*create)(SonelAudioSamplingRate, SonelAudioFrameDuration, const char*);
+    float (*frame)(void*, const float*, unsigned);
+    int32_t (*close)(void*);
+};
+extern const Detector kVoiceDetector;
+extern const Detector kRingtoneDetector;
 
-// The detector's speech probability for every 10 ms frame of one channel (the last frame padded
-// with silence), with the registered voice activity model. Returns 0, or the status of the error
-// it reported.
-int speechProbabilities(const AudioInput& input, size_t channel, std::vector<float>& out);
+// Registers the detector's model file at `path`, or its embedded one when `path` is empty.
+int registerDetectorModel(const Detector& detector, const std::string& path);
+
+// The detector's probability for every 10 ms frame of one channel (the last frame padded with
+// silence), with its registered model. Returns 0, or the status of the error it reported.
+int detectorProbabilities(const Detector& detector, const AudioInput& input, size_t channel,
+                          std::vector<float>& out);
+
+// The noise-level estimator's level (dBFS) for every 10 ms frame of one channel, with the
+// registered cleaner model `modelName`. Returns 0, or the status of the error it reported.
+int channelLevels(const AudioInput& input, size_t channel, const char* modelName, std::vector<float>& out);
 
 }  // namespace sonel_cli

@@ -27,5 +27,6 @@ int runModel(const Args& args);
 int runDenoise(const Args& args);
 int runVad(const Args& args);
 int runNoiseLevel(const Args& args);
+int runRingtone(const Args& args);
 
 }  // namespace sonel_cli

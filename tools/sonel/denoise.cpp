@@ -49,29 +49,47 @@ void printProgress(double done) {
                  std::string(width - filled, ' ').c_str(), static_cast<int>(done * 100));
 }
 
-// `detected`: per channel, the voice detector's speech time in seconds (empty without a detector).
-void printStats(const std::vector<void*>& sessions, const std::vector<double>& detected) {
+// What --stats prints per channel beside the session's statistics, each left out (negative or
+// empty) when the build has no model for it.
+struct ChannelFigures {
+    double speechSeconds = -1.0;  // the voice detector's speech time
+    double ringSeconds = -1.0;    // frames whose ringtone state was "ringing", in seconds
+    std::vector<float> levels;    // the noise-level estimator's level per 10 ms frame
+};
+
+void printStats(const std::vector<void*>& sessions, const std::vector<ChannelFigures>& figures) {
     for (size_t c = 0; c < sessions.size(); ++c) {
         SonelAudioNcStats stats{};
         if (sonelAudioNcWithStatsRetrieveStats(sessions[c], &stats) != SONEL_AUDIO_OK) continue;
         std::printf("channel %zu: talk %.2f s; noise none %.2f s, low %.2f s, medium %.2f s, high %.2f s",
                     c + 1, stats.talkTimeMs / 1000.0, stats.noNoiseMs / 1000.0, stats.lowNoiseMs / 1000.0,
                     stats.mediumNoiseMs / 1000.0, stats.highNoiseMs / 1000.0);
-        if (c < detected.size()) std::printf("; voice detector: speech %.2f s", detected[c]);
+        const ChannelFigures& f = figures[c];
+        if (!f.levels.empty()) {
+            std::vector<float> sorted = f.levels;
+            std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
+            std::printf("; noise level median %.1f dBFS", sorted[sorted.size() / 2]);
+        }
+        if (f.speechSeconds >= 0.0) std::printf("; voice detector: speech %.2f s", f.speechSeconds);
+        if (f.ringSeconds >= 0.0) std::printf("; ringtone %.2f s", f.ringSeconds);
         std::printf("\n");
     }
 }
 
-// Speech time per channel by the embedded voice detector: frames at or above probability 0.5.
-// Empty when the build has no detector to embed.
-int detectedSpeech(const AudioInput& input, std::vector<double>& seconds) {
-    if (kEmbeddedVadModelSize == 0) return 0;
-    if (int status = registerVadModel("")) return status;
+// Speech time and noise level per channel, each from its own session over the whole input.
+int detectorFigures(const AudioInput& input, std::vector<ChannelFigures>& figures) {
+    const bool voice = kEmbeddedVadModelSize != 0;
+    if (voice)
+        if (int status = registerDetectorModel(kVoiceDetector, "")) return status;
     std::vector<float> probabilities;
     for (size_t c = 0; c < input.channels; ++c) {
-        if (int status = speechProbabilities(input, c, probabilities)) return status;
-        const auto frames = std::count_if(probabilities.begin(), probabilities.end(), [](float p) { return p >= 0.5f; });
-        seconds.push_back(static_cast<double>(frames) * 0.01);
+        if (voice) {
+            if (int status = detectorProbabilities(kVoiceDetector, input, c, probabilities)) return status;
+            const auto frames = std::count_if(probabilities.begin(), probabilities.end(), [](float p) { return p >= 0.5f; });
+            figures[c].speechSeconds = static_cast<double>(frames) * 0.01;
+        }
+        // A cleaner that is no 0.0.5 model has no estimator; the level is then left out.
+        if (channelLevels(input, c, kModelName, figures[c].levels) != 0) figures[c].levels.clear();
     }
     return 0;
 }
@@ -103,6 +121,11 @@ int runDenoise(const Args& args) {
     Library library;
     if (!library.ok()) return reportError("the library could not be initialised");
     if (int status = loadModel(modelPath, kModelName, kEmbeddedModel, kEmbeddedModelSize)) return status;
+    // The ringtone detector is registered before the sessions are made: a cleaning session takes
+    // the one registered at its creation for the frames cleaned with the ringtone flag.
+    const bool ringtone = withStats && kEmbeddedRingtoneModelSize != 0;
+    if (ringtone)
+        if (int status = registerDetectorModel(kRingtoneDetector, "")) return status;
 
     const auto rate = static_cast<SonelAudioSamplingRate>(info.samplerate);
     std::vector<void*> sessions;
@@ -119,6 +142,7 @@ int runDenoise(const Args& args) {
     const bool showProgress = isatty(STDERR_FILENO) && length > static_cast<size_t>(info.samplerate) * 10;
     std::vector<float> cleaned(length * channels, 0.0f);
     std::vector<float> frameIn(frame), out(frame);
+    std::vector<ChannelFigures> figures(channels);
     size_t nonFiniteOut = 0;
     const auto start = std::chrono::steady_clock::now();
     for (size_t c = 0; c < channels; ++c) {
@@ -131,9 +155,14 @@ int runDenoise(const Args& args) {
                 frameIn[i] = pos + i < length ? interleaved[(pos + i) * channels + c] : 0.0f;
             SonelAudioNcFrameInfo frameInfo;
             const int32_t result =
-                withStats ? sonelAudioNcWithStatsCleanAmbientNoiseFloat(session, frameIn.data(), frame, out.data(), frame, &frameInfo)
+                withStats ? sonelAudioNcWithStatsCleanAmbientNoiseWithRingtoneFloat(session, frameIn.data(), frame, out.data(),
+                                                                                   frame, ringtone, &frameInfo)
                           : sonelAudioNcCleanAmbientNoiseFloat(session, frameIn.data(), frame, out.data(), frame);
             if (result != SONEL_AUDIO_OK) return reportError("cleaning failed at sample " + std::to_string(pos));
+            if (ringtone && pos < length) {
+                if (figures[c].ringSeconds < 0.0) figures[c].ringSeconds = 0.0;
+                figures[c].ringSeconds += frameInfo.ringtoneState == 1 ? 0.01 : 0.0;
+            }
             if (pos == 0) delay = static_cast<size_t>(std::lround(session->latencySamples()));
             // Non-finite output would pass into a float file as it is and into a PCM one as
             // full-scale clicks; silence is the least harmful stand-in.
@@ -180,9 +209,8 @@ int runDenoise(const Args& args) {
     }
 
     if (withStats) {
-        std::vector<double> detected;
-        if (int status = detectedSpeech(input, detected)) return status;
-        printStats(sessions, detected);
+        if (int status = detectorFigures(input, figures)) return status;
+        printStats(sessions, figures);
     }
     for (void* s : sessions) withStats ? sonelAudioNcWithStatsCloseSession(s) : sonelAudioNcCloseSession(s);
     if (length == 0) {

@@ -1,5 +1,6 @@
-// `sonel vad`: the voice activity detector over an audio file, through the library's public VAD
-// functions, as speech segments or per-frame probabilities.
+// `sonel vad` and `sonel ringtone`: a detector over an audio file, through the library's public
+// detector functions, as the segments it found or per-frame probabilities. The two commands differ
+// only in the session functions, the embedded model and the words they print.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -15,7 +16,6 @@ namespace sonel_cli {
 
 namespace {
 
-constexpr const char* kVadModelName = "vad";
 constexpr unsigned kFrameMs = 10;
 
 enum class Format { Segments, Frames, Json };
@@ -49,36 +49,46 @@ std::vector<Segment> segments(const std::vector<float>& probabilities, double th
 
 }  // namespace
 
-int registerVadModel(const std::string& path) {
-    return loadModel(path, kVadModelName, kEmbeddedVadModel, kEmbeddedVadModelSize);
+const Detector kVoiceDetector{"vad",           "voice activity", "speech", 200.0,
+                               kEmbeddedVadModel, kEmbeddedVadModelSize,
+                               sonelAudioVadCreateSession, sonelAudioVadFrameFloat, sonelAudioVadCloseSession};
+const Detector kRingtoneDetector{"ringtone", "ringtone", "ring", 300.0,
+                                 kEmbeddedRingtoneModel, kEmbeddedRingtoneModelSize,
+                                 sonelAudioRingtoneCreateSession, sonelAudioDetectRingtoneFrameFloat,
+                                 sonelAudioRingtoneCloseSession};
+
+int registerDetectorModel(const Detector& detector, const std::string& path) {
+    return loadModel(path, detector.modelName, detector.embedded, detector.embeddedSize);
 }
 
-int speechProbabilities(const AudioInput& input, size_t channel, std::vector<float>& out) {
+int detectorProbabilities(const Detector& detector, const AudioInput& input, size_t channel,
+                          std::vector<float>& out) {
     const auto rate = static_cast<SonelAudioSamplingRate>(input.info.samplerate);
-    void* session = sonelAudioVadCreateSession(rate, SONEL_AUDIO_FRAME_10MS, kVadModelName);
+    void* session = detector.create(rate, SONEL_AUDIO_FRAME_10MS, detector.modelName);
     if (!session)
-        return reportError("the voice activity model cannot run at " + std::to_string(input.info.samplerate) + " Hz");
+        return reportError(std::string("the ") + detector.what + " model cannot run at " +
+                           std::to_string(input.info.samplerate) + " Hz");
     const size_t frame = static_cast<size_t>(input.info.samplerate) * kFrameMs / 1000;
     std::vector<float> samples(frame);
     out.clear();
     for (size_t pos = 0; pos < input.length; pos += frame) {
         for (size_t i = 0; i < frame; ++i)
             samples[i] = pos + i < input.length ? input.interleaved[(pos + i) * input.channels + channel] : 0.0f;
-        const float p = sonelAudioVadFrameFloat(session, samples.data(), static_cast<unsigned>(frame));
+        const float p = detector.frame(session, samples.data(), static_cast<unsigned>(frame));
         if (p < 0.0f) {
-            sonelAudioVadCloseSession(session);
-            return reportError("voice detection failed at sample " + std::to_string(pos) + " (code " +
-                               std::to_string(static_cast<int>(p)) + ")");
+            detector.close(session);
+            return reportError(std::string(detector.what) + " detection failed at sample " + std::to_string(pos) +
+                               " (code " + std::to_string(static_cast<int>(p)) + ")");
         }
         out.push_back(p);
     }
-    sonelAudioVadCloseSession(session);
+    detector.close(session);
     return 0;
 }
 
-int runVad(const Args& args) {
+int runDetector(const Detector& detector, const Args& args) {
     std::string inPath, modelPath;
-    double threshold = 0.5, hangoverMs = 200.0;
+    double threshold = 0.5, hangoverMs = detector.hangoverMs;
     Format format = Format::Segments;
     for (size_t i = 0; i < args.size(); ++i) {
         const bool hasValue = i + 1 < args.size();
@@ -102,18 +112,18 @@ int runVad(const Args& args) {
             inPath = args[i];
         }
     }
-    if (inPath.empty()) return reportError("vad needs an IN file", kExitUsage);
+    if (inPath.empty()) return reportError(std::string(detector.modelName) + " needs an IN file", kExitUsage);
 
     AudioInput input;
     if (int status = readAudio(inPath, input)) return status;
     Library library;
     if (!library.ok()) return reportError("the library could not be initialised");
-    if (int status = registerVadModel(modelPath)) return status;
+    if (int status = registerDetectorModel(detector, modelPath)) return status;
 
-    // A frame is speech when any channel holds speech.
+    // A frame holds speech, or a ring, when any channel does.
     std::vector<float> probabilities;
     if (int status = largestOverChannels(
-            input, [&](size_t c, std::vector<float>& out) { return speechProbabilities(input, c, out); },
+            input, [&](size_t c, std::vector<float>& out) { return detectorProbabilities(detector, input, c, out); },
             probabilities))
         return status;
     const double seconds = static_cast<double>(input.length) / input.info.samplerate;
@@ -129,11 +139,11 @@ int runVad(const Args& args) {
                 std::printf("%.2f\t%.4f\n", static_cast<double>(k * kFrameMs) / 1000.0, probabilities[k]);
             break;
         case Format::Json: {
-            double speech = 0.0;
-            for (const Segment& s : found) speech += s.end - s.start;
+            double foundSeconds = 0.0;
+            for (const Segment& s : found) foundSeconds += s.end - s.start;
             std::printf("{\"seconds\": %.2f, \"frame_ms\": %u, \"threshold\": %g, \"hangover_ms\": %g, "
-                        "\"speech_seconds\": %.2f, \"segments\": [",
-                        seconds, kFrameMs, threshold, hangoverMs, speech);
+                        "\"%s_seconds\": %.2f, \"segments\": [",
+                        seconds, kFrameMs, threshold, hangoverMs, detector.found, foundSeconds);
             for (size_t i = 0; i < found.size(); ++i)
                 std::printf("%s[%.2f, %.2f]", i ? ", " : "", found[i].start, found[i].end);
             std::printf("], \"probabilities\": [");
@@ -145,5 +155,8 @@ int runVad(const Args& args) {
     }
     return 0;
 }
+
+int runVad(const Args& args) { return runDetector(kVoiceDetector, args); }
+int runRingtone(const Args& args) { return runDetector(kRingtoneDetector, args); }
 
 }  // namespace sonel_cli

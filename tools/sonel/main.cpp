@@ -26,6 +26,11 @@ constexpr Command kCommands[] = {
      "sonel noise-level IN [--model FILE] [--format frames|json]\n"
      "                                background noise level in dBFS per 10 ms frame, or a summary\n",
      runNoiseLevel},
+    {"ringtone",
+     "sonel ringtone IN [--model FILE] [--threshold P] [--hangover MS] [--format segments|frames|json]\n"
+     "                                segments with a phone ringing (or another alert tone), or\n"
+     "                                per-frame ring probabilities\n",
+     runRingtone},
 };
 
 void printUsage(std::ostream& out) {

@@ -21,10 +21,19 @@ constexpr unsigned kFrameMs = 10;
 
 enum class Format { Frames, Json };
 
-// The level after every 10 ms frame of one channel (the last frame padded with silence).
-int channelLevels(const AudioInput& input, size_t channel, std::vector<float>& out) {
+// Percentile with linear interpolation between the closest ranks, of sorted values.
+double percentile(const std::vector<float>& sorted, double p) {
+    const double position = p / 100.0 * static_cast<double>(sorted.size() - 1);
+    const auto below = static_cast<size_t>(position);
+    const size_t above = std::min(below + 1, sorted.size() - 1);
+    return sorted[below] + (position - static_cast<double>(below)) * (sorted[above] - sorted[below]);
+}
+
+}  // namespace
+
+int channelLevels(const AudioInput& input, size_t channel, const char* modelName, std::vector<float>& out) {
     const auto rate = static_cast<SonelAudioSamplingRate>(input.info.samplerate);
-    void* session = sonelAudioNoiseDbCreateSession(rate, SONEL_AUDIO_FRAME_10MS, kModelName);
+    void* session = sonelAudioNoiseDbCreateSession(rate, SONEL_AUDIO_FRAME_10MS, modelName);
     if (!session)
         return reportError("no noise-level session at " + std::to_string(input.info.samplerate) +
                            " Hz: the model must be a noise cleaner of version 0.0.5");
@@ -46,16 +55,6 @@ int channelLevels(const AudioInput& input, size_t channel, std::vector<float>& o
     sonelAudioNoiseDbCloseSession(session);
     return 0;
 }
-
-// Percentile with linear interpolation between the closest ranks, of sorted values.
-double percentile(const std::vector<float>& sorted, double p) {
-    const double position = p / 100.0 * static_cast<double>(sorted.size() - 1);
-    const auto below = static_cast<size_t>(position);
-    const size_t above = std::min(below + 1, sorted.size() - 1);
-    return sorted[below] + (position - static_cast<double>(below)) * (sorted[above] - sorted[below]);
-}
-
-}  // namespace
 
 int runNoiseLevel(const Args& args) {
     std::string inPath, modelPath;
@@ -87,7 +86,7 @@ int runNoiseLevel(const Args& args) {
     // noise a listener of the mix hears most.
     std::vector<float> levels;
     if (int status = largestOverChannels(
-            input, [&](size_t c, std::vector<float>& out) { return channelLevels(input, c, out); }, levels))
+            input, [&](size_t c, std::vector<float>& out) { return channelLevels(input, c, kModelName, out); }, levels))
         return status;
 
     switch (format) {
