@@ -52,7 +52,7 @@ FrontEndParams FrontEndParams::read(const WEIGHTS::Weight& weight) {
 }
 
 FeatureExtractor::FeatureExtractor(const FrontEndParams& params, unsigned compressRate,
-                                   std::shared_ptr<UTILS::FFT> fft)
+                                   std::shared_ptr<UTILS::FFT> fft, bool normalise)
     : params_(params),
       bands_(params.filtrEnd - params.filtrBegin + 1, compressRate),
       fft_(std::move(fft)),
@@ -61,6 +61,7 @@ FeatureExtractor::FeatureExtractor(const FrontEndParams& params, unsigned compre
       bandLog_(bands_.bandCount()),
       context_((params.previewFrames + 2) * bands_.bandCount()),
       contextLength_((params.previewFrames + 1) * bands_.bandCount()),
+      normalise_(normalise),
       input_(contextLength_) {
     require(params.coefficientNumber == bands_.bandCount(),
             "CoefficientNumber " + std::to_string(params.coefficientNumber) + " but " +
@@ -90,6 +91,10 @@ void FeatureExtractor::analyse(const float* windowedBlock, float gain) {
     context_.advance(bandLog_.size());
     context_.push_back(bandLog_.data(), bandLog_.size());
     const float* span = context_.readPtr();
+    if (!normalise_) {
+        std::copy_n(span, contextLength_, input_.begin());
+        return;
+    }
     const size_t nMu = params_.mu.size(), nSd = params_.sd.size();
     for (size_t i = 0; i < contextLength_; ++i)
         input_[i] = (span[i] - params_.mu[i % nMu]) / params_.sd[i % nSd];

@@ -37,14 +37,17 @@ struct FrontEndParams {
 
 class FeatureExtractor {
 public:
+    // normalise: the network input is the context scaled by MU and SD (v0.0.5); without it the
+    // context's log powers go to the network as they are, for networks that scale them as their
+    // own first step (the 0.0.6 form).
     FeatureExtractor(const FrontEndParams& params, unsigned compressRate,
-                     std::shared_ptr<UTILS::FFT> fft);
+                     std::shared_ptr<UTILS::FFT> fft, bool normalise);
 
     // Transforms the windowed block and appends its features to the context; gain scales the
     // spectrum magnitudes before the power is taken (the level normalisation).
     void analyse(const float* windowedBlock, float gain);
     const std::vector<std::complex<float>>& spectrum() const { return spectrum_; }
-    // The normalised context, oldest frame first.
+    // The context as the network reads it, oldest frame first.
     const std::vector<float>& networkInput() const { return input_; }
     const BandLayout& bands() const { return bands_; }
     void reset();
@@ -58,6 +61,7 @@ private:
     std::vector<float> bandLog_;
     CONTAINERS::CyclicBlockData context_;
     size_t contextLength_;
+    bool normalise_;
     std::vector<float> input_;
 };
 

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "noise_canceller/noise_cleaner_v0_0_5.h"
+#include "noise_canceller/noise_cleaner_v0_0_6.h"
 #include "noise_canceller/noise_db_cleaner_v0_0_1.h"
 #include "noise_canceller/ringtone_cleaner_v0_0_1.h"
 #include "noise_canceller/vad_cleaner_v0_0_1.h"
@@ -241,8 +242,14 @@ std::shared_ptr<NoiseCleaner> NoiseCleaner::create(SonelAudioSamplingRate rate,
     const unsigned modelRate = WEIGHTS::getWeightInfo(*chosen->first).first;
     const bool cleaning =
         sessionType == SONEL_AUDIO_SESSION_NC || sessionType == SONEL_AUDIO_SESSION_NC_WITH_STATS;
-    if (cleaning && version == "0.0.5") {
-        auto cleaner = std::make_shared<NoiseCleaner_v0_0_5>(chosen, modelRate);
+    // A "0.0.6" file is a cleaner unless it carries the ringtone detector's version record.
+    const bool cleaner06 = version == "0.0.6" && kindOf(*chosen->first) == ModelKind::Cleaner;
+    if (cleaning && (version == "0.0.5" || cleaner06)) {
+        std::shared_ptr<NoiseCleaner> cleaner;
+        if (cleaner06)
+            cleaner = std::make_shared<NoiseCleaner_v0_0_6>(chosen, modelRate);
+        else
+            cleaner = std::make_shared<NoiseCleaner_v0_0_5>(chosen, modelRate);
         // The detector for the cleaning session's ringtone flag is picked now, by the rule a
         // ringtone session at the cleaner's rate follows. A detector file the registry cannot
         // place leaves the flag without effect rather than refusing the cleaning session.

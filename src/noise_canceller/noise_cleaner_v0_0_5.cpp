@@ -59,7 +59,7 @@ NoiseCleaner_v0_0_5::Params::Params(const WEIGHTS::Weight& weight, size_t inputL
 }
 
 NoiseCleaner_v0_0_5::NoiseCleaner_v0_0_5(WEIGHTS::ModelPtr modelPair, unsigned sampleRate)
-    : SpectralCleaner(modelPair, sampleRate, kKeys),
+    : SpectralCleaner(modelPair, sampleRate, kKeys, FeatureScaling::FrontEnd),
       params_(*modelPair->first, inputLength(), bandCount()),
       state_(params_.gateWeight.rows, 0.0f),
       x_(params_.gateWeight.columns),

@@ -32,14 +32,15 @@ double sumOfSquares(const std::vector<float>& v) {
 }  // namespace
 
 SpectralCleaner::SpectralCleaner(WEIGHTS::ModelPtr modelPair, unsigned sampleRate,
-                                 const ParameterKeys& keys)
+                                 const ParameterKeys& keys, FeatureScaling scaling)
     : NoiseCleaner(modelPair, sampleRate),
       frontEnd_(FrontEndParams::read(*modelPair->first)),
       maskParams_(MaskParams::read(*modelPair, keys)),
       window_(vorbisWindow(frontEnd_.frameLength)),
       windowEnergy_(sumOfSquares(window_)),
       transform_(getFftPtr(frontEnd_.frameLength)),
-      features_(frontEnd_, static_cast<unsigned>(maskParams_.compressRate), transform_),
+      features_(frontEnd_, static_cast<unsigned>(maskParams_.compressRate), transform_,
+                scaling == FeatureScaling::FrontEnd),
       gate_(frontEnd_.freezeLowEnThr, frontEnd_.freezeHighEnThr),
       post_(maskParams_, frontEnd_.frameLength / 2 + 1, window_,
             frontEnd_.step * 1000 / frontEnd_.sampleRate),

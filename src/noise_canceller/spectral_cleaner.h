@@ -29,7 +29,13 @@ public:
     std::string frameRule() const override;
 
 protected:
-    SpectralCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate, const ParameterKeys& keys);
+    // Where the context is scaled by the model's MU and SD: in the front end, so the network
+    // reads it scaled (v0.0.5), or by the network as its own first step (the 0.0.6 form), which
+    // then reads the log powers as they are.
+    enum class FeatureScaling { FrontEnd, Network };
+
+    SpectralCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate, const ParameterKeys& keys,
+                    FeatureScaling scaling);
 
     size_t inputLength() const { return features_.networkInput().size(); }
     size_t bandCount() const { return features_.bands().bandCount(); }

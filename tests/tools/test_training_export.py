@@ -1,8 +1,10 @@
 """The exported model, run by the NumPy reference network, gives the band gains the PyTorch module
-gave on the same features (so what was trained is what the cleaner runs)."""
+gave on the same features (so what was trained is what the cleaner runs); a v0.0.6 export also
+cleans in the library as in the reference."""
 
 import dataclasses
 import os
+import subprocess
 import sys
 import tempfile
 import unittest
@@ -18,6 +20,8 @@ except ImportError:  # CI does not install torch; training machines do.
 
 # Gains are in [0, 1]; the reference computes the logistic in double, torch in float.
 TOLERANCE = 1e-5
+# The `sonel` tool of the build under test (set by CTest); without it the library check is skipped.
+SONEL_TOOL = os.environ.get("SONEL_TOOL", "")
 
 
 def speech_like(rate, rng):
@@ -113,6 +117,91 @@ class TrainingExportTest(unittest.TestCase):
                 self.assertLessEqual(worst, peak * net.RECURRENCE_LIMIT * (1 + 1e-6))
             else:
                 self.assertGreater(worst, peak)
+
+
+def v0_0_6_export(folder, seed=6):
+    """A random 0.0.6 network exported through a checkpoint as train.py writes one; returns the
+    network as export.py reads it back, the per-band MU/SD, the file and its reference model.
+    Every width differs (16 input, 12 state, 10 output, 50 bands at 16 kHz) so a transposed or
+    misplaced matrix cannot fit, and four frames of context so MU/SD repeated for the wrong frames
+    show."""
+    import export
+    import network as net
+
+    torch.manual_seed(seed)
+    rng = np.random.default_rng(seed)
+    args = {"rate": 16000, "generation": "0.0.6", "hidden": [16, 12, 10], "preview_frames": 3}
+    geometry = net.geometry_of(args)
+    model = net.new_network(geometry)
+    with torch.no_grad():
+        for p in model.parameters():
+            p.add_(0.3 * torch.randn_like(p))
+    bands = geometry.bands().count
+    mu = rng.normal(8.0, 2.0, bands).astype(np.float32)
+    sd = rng.uniform(1.0, 3.0, bands).astype(np.float32)
+    checkpoint = os.path.join(folder, "checkpoint.pt")
+    torch.save({"args": args, "network": model.state_dict(), "mu": mu, "sd": sd}, checkpoint)
+    geometry, model, mu, sd = export.load_checkpoint(checkpoint)
+    path = os.path.join(folder, "v006.vlw")
+    loaded = export.write_model(path, geometry, model, mu, sd, "test", timestamp="test")
+    return geometry, model, mu, sd, path, loaded
+
+
+@unittest.skipIf(torch is None, "training needs python3-torch")
+class V006ExportTest(unittest.TestCase):
+    def test_reference_runs_the_export_as_trained(self):
+        import examples
+        import network as net
+
+        with tempfile.TemporaryDirectory() as folder:
+            geometry, model, mu, sd, _, loaded = v0_0_6_export(folder)
+        self.assertEqual((geometry.generation, geometry.hidden), ("0.0.6", (16, 12, 10)))
+        self.assertIsInstance(loaded, net.nc6.Model)
+        # Under the generation's own names: rescaling off, the compress rate of the geometry.
+        self.assertFalse(loaded.post.rescale)
+        self.assertEqual(loaded.bands.count, geometry.bands().count)
+
+        signal = speech_like(16000, np.random.default_rng(1))
+        # The trainer's inputs: the 0.0.5 front end, scaled by the per-band MU/SD.
+        trained = examples.front_end(geometry, mu, sd).signal_features(signal)
+        # The cleaner's: the context as it is, scaled by the network.
+        raw = net.nc.FrontEnd(loaded).signal_features(signal)
+        np.testing.assert_array_equal(trained.analysed, raw.analysed)
+        self.assertTrue(0 < raw.analysed.sum() < raw.analysed.size)
+        network = loaded.new_network()
+        expected = np.stack([network.step(f) for f in raw.inputs[raw.analysed]])
+        self.assertGreater(expected.std(), 0.05)
+
+        inputs = torch.from_numpy(np.nan_to_num(trained.inputs))[None]
+        analysed = torch.from_numpy(trained.analysed)[None]
+        with torch.no_grad():
+            # Frozen blocks run the GRU one block at a time; a stretch without any, the fused GRU.
+            gains, _ = model(inputs, analysed)
+            loud = int(np.argmin(trained.analysed))
+            fused, _ = model(inputs[:, :loud], analysed[:, :loud])
+        np.testing.assert_allclose(gains[0].numpy()[trained.analysed], expected, atol=TOLERANCE)
+        np.testing.assert_allclose(fused[0].numpy(), expected[:loud], atol=TOLERANCE)
+
+    @unittest.skipUnless(SONEL_TOOL, "SONEL_TOOL (the sonel tool of a build) is not set")
+    def test_library_cleans_the_export_as_the_reference(self):
+        import soundfile as sf
+
+        import network as net
+
+        with tempfile.TemporaryDirectory() as folder:
+            geometry, _, _, _, path, loaded = v0_0_6_export(folder)
+            signal = speech_like(16000, np.random.default_rng(2))
+            noisy, cleaned = os.path.join(folder, "in.wav"), os.path.join(folder, "out.wav")
+            sf.write(noisy, signal / 32768.0, 16000, subtype="FLOAT")
+            subprocess.run([SONEL_TOOL, "denoise", "--model", path, noisy, cleaned], check=True,
+                           capture_output=True)
+            library, rate = sf.read(cleaned, dtype="float32")
+        self.assertEqual((rate, library.shape), (16000, signal.shape))
+        # The tool removes the cleaner's one-hop delay; the reference's output keeps it.
+        reference = net.nc6.clean(loaded, signal)[geometry.hop:] / 32768.0
+        self.assertGreater(np.abs(reference - signal[:-geometry.hop] / 32768.0).max(), 0.05)
+        np.testing.assert_allclose(library[:-geometry.hop], reference, atol=1e-3)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -60,12 +60,8 @@ LEVEL_STEPS = [(0.0, 300.0, 30.0), (0.5, 2500.0, 400.0), (1.2037, 0.0, 0.0),
                (1.4981, 7500.0, 300.0), (2.2, 10000.0, 1000.0), (2.6, 1500.0, 150.0)]
 
 
-def control_records(values):
-    records = {}
-    for x, (type_code, value) in values.items():
-        prefix = "CONTROL_VELTA_" if x == "COMPRESS_RATE" else "CONTROL_SONEL_"
-        records[prefix + x + "_v0_0_5"] = sw.Record(type_code, value)
-    return records
+def control_records(values, keys=nc.KEYS):
+    return {keys.control(x): sw.Record(type_code, value) for x, (type_code, value) in values.items()}
 
 
 def unaligned_filter_range(bins, compress_rate):

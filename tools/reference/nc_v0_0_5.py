@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""NumPy reference of the v0.0.5 noise cleaner, written from docs/design-noise-cleaner.md.
+"""NumPy reference of the v0.0.5 noise cleaner, written from docs/design-noise-cleaner.md. The
+v0.0.6 cleaner (nc_v0_0_6.py) runs the same front end and frame loop with its own network.
 
 It is kept independent of the C++ cleaner on purpose: a CI test feeds the same model and audio
 to both and compares the samples. It is also the front end of the training pipeline, so the
@@ -16,7 +17,7 @@ Training:
     model = Model.load("model.vlw")            # or Model(records) with sonel_weights records
     front = FrontEnd(model)
     feats = front.signal_features(noisy)       # blocks exactly as the stream analyses them
-    feats.inputs      # (blocks, (PreviewFrames + 1) * m) normalised network input
+    feats.inputs      # (blocks, (PreviewFrames + 1) * m) network input, normalised by MU/SD
     feats.analysed    # False where the energy gate froze the block (its rows are NaN)
     clean_power = model.bands.compress(np.abs(front.block_spectra(clean)) ** 2)
     noisy_power = model.bands.compress(np.abs(feats.spectra) ** 2)
@@ -66,6 +67,21 @@ def signal_blocks(signal, hop):
     return np.lib.stride_tricks.sliding_window_view(padded, 2 * hop)[::hop][:count]
 
 
+@dataclass(frozen=True)
+class ParameterKeys:
+    """Names of a generation's tunable parameters: "CONTROL_<prefix><X><tag>" in the weight file,
+    except the compress rate, which is "CONTROL_VELTA_COMPRESS_RATE<tag>" in every generation."""
+
+    prefix: str
+    tag: str
+
+    def control(self, x):
+        return "CONTROL_" + ("VELTA_" if x == "COMPRESS_RATE" else self.prefix) + x + self.tag
+
+
+KEYS = ParameterKeys("SONEL_", "_v0_0_5")
+
+
 def _record(records, name, type_code):
     record = records.get(name)
     if record is None or record.type != type_code:
@@ -94,12 +110,11 @@ class PostProcessing:
     background_speaker_fix: bool = False
 
     @classmethod
-    def from_records(cls, records):
+    def from_records(cls, records, keys=KEYS):
         d = cls()
 
         def control(x, type_code, default):
-            prefix = "CONTROL_VELTA_" if x == "COMPRESS_RATE" else "CONTROL_SONEL_"
-            record = records.get(prefix + x + "_v0_0_5")
+            record = records.get(keys.control(x))
             if record is None or record.type != type_code:
                 return default
             return record.value == "t" if type_code == sw.STRING else record.value
@@ -177,18 +192,25 @@ class BandLayout:
 
 
 class Model:
-    """The records of a v0.0.5 model, checked against each other."""
+    """The records of a v0.0.5 model, checked against each other. A later generation with the
+    same front end subclasses it and replaces the class attributes and the network."""
+
+    VERSION = VERSION
+    KEYS = KEYS
+    # The front end scales the context by MU and SD (indexed modulo their length); a network that
+    # scales its own input gets the log powers as they are.
+    scales_features = True
 
     def __init__(self, records):
         version = _record(records, "Version", sw.STRING)
-        if version != VERSION:
-            raise ValueError("model version %r is not %s" % (version, VERSION))
+        if version != self.VERSION:
+            raise ValueError("model version %r is not %s" % (version, self.VERSION))
         self.rate = _record(records, "SampleRate", sw.UINT)
         self.hop = _record(records, "Step", sw.UINT)
         self.block = _record(records, "FrameLength", sw.UINT)
         if self.block != 2 * self.hop or self.hop * 1000 != self.rate * FRAME_MS:
             raise ValueError("FrameLength must be 2 x Step and Step 10 ms at SampleRate")
-        self.post = PostProcessing.from_records(records)
+        self.post = PostProcessing.from_records(records, self.KEYS)
         self.bands = BandLayout(self.block // 2 + 1, _record(records, "FiltrBegin", sw.UINT),
                                 _record(records, "FiltrEnd", sw.UINT), self.post.compress_rate)
         if _record(records, "CoefficientNumber", sw.UINT) != self.bands.count:
@@ -201,7 +223,17 @@ class Model:
         self.sd = _record(records, "SD", sw.VECTOR)
         if self.mu.size == 0 or self.sd.size == 0:
             raise ValueError("MU and SD must not be empty")
+        self._read_network(records)
 
+    @property
+    def inputs(self):
+        """Network input length: the context of every band."""
+        return self.context_frames * self.bands.count
+
+    def new_network(self):
+        return Network(self)
+
+    def _read_network(self, records):
         self.gate_w = _record(records, "WeightGRU", sw.MATRIX)
         self.gate_b = _record(records, "BaesGRU", sw.VECTOR)
         self.rect_w = _record(records, "WeightNonLinear", sw.MATRIX_LIST)
@@ -216,7 +248,7 @@ class Model:
                 or len(self.rect_b) != layers + 1:
             raise ValueError("network needs K >= 1 linear and K + 1 non-linear entries")
         state = self.gate_w.shape[0]
-        width = state + self.context_frames * self.bands.count
+        width = state + self.inputs
         expected = [(self.gate_w.shape, (state, width)), (self.gate_b.shape, (state,))]
         for k in range(layers):
             # The first hidden layer feeds the recurrent state, so it has the state's width.
@@ -262,9 +294,9 @@ class FrontEnd:
     def __init__(self, model):
         self.model = model
         self.window = vorbis_window(model.block)
-        width = model.context_frames * model.bands.count
-        self._mu = model.mu[np.arange(width) % model.mu.size]
-        self._sd = model.sd[np.arange(width) % model.sd.size]
+        width = model.inputs
+        self._mu = model.mu[np.arange(width) % model.mu.size] if model.scales_features else None
+        self._sd = model.sd[np.arange(width) % model.sd.size] if model.scales_features else None
         self.reset()
 
     def reset(self):
@@ -312,7 +344,7 @@ class FrontEnd:
         log_bands = np.log(self.model.bands.compress(power) + self.model.epsilon)
         self.context = np.roll(self.context, -1, axis=0)
         self.context[-1] = log_bands
-        inputs = (self.context.ravel() - self._mu) / self._sd
+        inputs = self.context.ravel().copy() if self._mu is None else (self.context.ravel() - self._mu) / self._sd
         return Analysis(windowed, spectrum, log_bands, inputs)
 
     def signal_features(self, signal):
@@ -321,7 +353,7 @@ class FrontEnd:
         spectra = self.block_spectra(signal)
         m = self.model
         log_bands = np.full((len(spectra), m.bands.count), np.nan, F32)
-        inputs = np.full((len(spectra), m.context_frames * m.bands.count), np.nan, F32)
+        inputs = np.full((len(spectra), m.inputs), np.nan, F32)
         analysed = np.zeros(len(spectra), bool)
         for j, block in enumerate(signal_blocks(signal, m.hop)):
             analysis = self.analyse(block)
@@ -367,7 +399,7 @@ class StreamCleaner:
             raise NotImplementedError("the reference has no energy-threshold cut nor background speaker fix")
         self.model = model
         self.front = FrontEnd(model)
-        self.network = Network(model)
+        self.network = model.new_network()
         self.reset()
 
     def reset(self):

@@ -25,6 +25,8 @@ import numpy as np
 # sonel_weights.py lives one folder up; the reference is run as a script, not as a package.
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 import sonel_weights as sw  # noqa: E402
+import layer_norm_gru as lngru  # noqa: E402
+from layer_norm_gru import NORM_EPSILON, layer_norm, logistic  # noqa: E402,F401
 from nc_v0_0_5 import _record  # noqa: E402
 
 F32 = np.float32
@@ -36,7 +38,6 @@ GRID_STEP_HZ = 31.25
 GRID = np.arange(2, 128) * GRID_STEP_HZ   # 62.5 ... 3968.75 Hz, 126 points
 POWER_EPSILON = 1e-3
 FEATURES = len(GRID) + 1
-NORM_EPSILON = 1e-5
 
 
 def frame_length(rate):
@@ -93,51 +94,27 @@ def stream_features(signal, rate):
     return frame_features(padded[index], rate)
 
 
-def logistic(v):
-    return F32(1.0) / (F32(1.0) + np.exp(-np.asarray(v, np.float64)).astype(F32))
-
-
-def layer_norm(v, gain, bias):
-    v = np.asarray(v, F32)
-    mean = v.mean(dtype=np.float64)
-    var = ((v - mean) ** 2).mean(dtype=np.float64)
-    return ((v - mean) / np.sqrt(var + NORM_EPSILON) * gain + bias).astype(F32)
-
-
 def model_records(mu, sd, in_ws, in_bs, in_gains, in_betas, gru_w, gru_b, reset_w, reset_b,
                   out_ws, out_bs, out_gains, out_betas, name=None, timestamp=None):
     """Every record the detector reads. A file handed to the library as a blob also needs `name`
     and `timestamp` ("ModelName", "TimeStamp": the registry's key)."""
     R = sw.Record
-    vec = lambda v: np.asarray(v, F32)  # noqa: E731
     records = {
         "Version": R(sw.STRING, VERSION),
         "RingtoneVersion": R(sw.STRING, RINGTONE_VERSION),
         "SampleRate": R(sw.UINT, MODEL_RATE),
         # Selection and the registry read every model's frame: the 10 ms hop at the model's rate.
         "FrameLength": R(sw.UINT, MODEL_RATE // 100),
-        "MU": R(sw.VECTOR, vec(mu)),
-        "SD": R(sw.VECTOR, vec(sd)),
-        "WeightLinear": R(sw.MATRIX_LIST, [vec(w) for w in in_ws]),
-        "BiasLinear": R(sw.VECTOR_LIST, [vec(b) for b in in_bs]),
-        "GainLinearNorm": R(sw.VECTOR_LIST, [vec(g) for g in in_gains]),
-        "BiasLinearNorm": R(sw.VECTOR_LIST, [vec(b) for b in in_betas]),
-        "WeightGRU": R(sw.MATRIX, vec(gru_w)),
-        "BiasGRU": R(sw.VECTOR, vec(gru_b)),
-        "WeightGRU_reset": R(sw.MATRIX, vec(reset_w)),
-        "BiasGRU_reset": R(sw.VECTOR, vec(reset_b)),
-        "WeightNonLinear": R(sw.MATRIX_LIST, [vec(w) for w in out_ws]),
-        "BiasNonLinear": R(sw.VECTOR_LIST, [vec(b) for b in out_bs]),
-        "GainNonLinearNorm": R(sw.VECTOR_LIST, [vec(g) for g in out_gains]),
-        "BiasNonLinearNorm": R(sw.VECTOR_LIST, [vec(b) for b in out_betas]),
     }
+    records.update(lngru.records(mu, sd, in_ws, in_bs, in_gains, in_betas, gru_w, gru_b, reset_w, reset_b,
+                                 out_ws, out_bs, out_gains, out_betas))
     if name is not None:
         records["ModelName"] = R(sw.STRING, name)
         records["TimeStamp"] = R(sw.STRING, timestamp)
     return records
 
 
-class Model:
+class Model(lngru.Weights):
     """The records of a ringtone model, checked against each other."""
 
     def __init__(self, records):
@@ -145,54 +122,21 @@ class Model:
             raise ValueError("model version is not %s" % VERSION)
         if not _record(records, "RingtoneVersion", sw.STRING):
             raise ValueError("not a ringtone detector: RingtoneVersion is empty")
-        get = lambda name, code: _record(records, name, code)  # noqa: E731
-        self.mu, self.sd = get("MU", sw.VECTOR), get("SD", sw.VECTOR)
-        self.in_w, self.in_b = get("WeightLinear", sw.MATRIX_LIST), get("BiasLinear", sw.VECTOR_LIST)
-        self.in_g = get("GainLinearNorm", sw.VECTOR_LIST)
-        self.in_beta = get("BiasLinearNorm", sw.VECTOR_LIST)
-        self.gru_w, self.gru_b = get("WeightGRU", sw.MATRIX), get("BiasGRU", sw.VECTOR)
-        self.reset_w, self.reset_b = get("WeightGRU_reset", sw.MATRIX), get("BiasGRU_reset", sw.VECTOR)
-        self.out_w, self.out_b = get("WeightNonLinear", sw.MATRIX_LIST), get("BiasNonLinear", sw.VECTOR_LIST)
-        self.out_g = get("GainNonLinearNorm", sw.VECTOR_LIST)
-        self.out_beta = get("BiasNonLinearNorm", sw.VECTOR_LIST)
-        if len(self.mu) != FEATURES or len(self.sd) != FEATURES or np.any(self.sd <= 0):
-            raise ValueError("MU and SD must have %d values, SD above 0" % FEATURES)
-        self.hidden = self.reset_w.shape[0]
-        if self.gru_w.shape != (2 * self.hidden, self.reset_w.shape[1]) or len(self.gru_b) != 3 * self.hidden:
-            raise ValueError("WeightGRU must be 2H x (I + H) and BiasGRU 3H values")
-        if not self.in_w or not self.out_w or len(self.out_g) != len(self.out_w) - 1:
-            raise ValueError("the network needs input layers and output layers")
+        super().__init__(records, FEATURES)
+        if self.outputs != 1:
+            raise ValueError("a detector gives one probability, not %d" % self.outputs)
 
     @classmethod
     def load(cls, path):
         return cls(sw.read_file(str(path)))
 
 
-class Network:
-    """Recurrent state and one step of the layer-normalised GRU network."""
-
-    def __init__(self, model):
-        self.m = model
-        self.state = np.zeros(model.hidden, F32)
+class Network(lngru.Network):
+    """Recurrent state and one step of the detector's network."""
 
     def step(self, features):
-        m, h = self.m, self.state
-        x = ((np.asarray(features, F32) - m.mu) / m.sd).astype(F32)
-        for w, b, g, beta in zip(m.in_w, m.in_b, m.in_g, m.in_beta):
-            x = np.tanh(layer_norm(w @ x + b, g, beta)).astype(F32)
-        width, hidden = len(x), m.hidden
-        u_part, h_part = m.gru_w[:, :width], m.gru_w[:, width:]
-        z = logistic(u_part[:hidden] @ x + h_part[:hidden] @ h + m.gru_b[:hidden])
-        r = logistic(m.reset_w[:, :width] @ x + m.reset_w[:, width:] @ h + m.reset_b)
-        c = np.tanh(u_part[hidden:] @ x + m.gru_b[hidden:2 * hidden]
-                    + r * (h_part[hidden:] @ h + m.gru_b[2 * hidden:])).astype(F32)
-        self.state = (z * h + (F32(1.0) - z) * c).astype(F32)
-        x = self.state
-        for k, (w, b) in enumerate(zip(m.out_w, m.out_b)):
-            v = (w @ x + b).astype(F32)
-            x = np.tanh(layer_norm(v, m.out_g[k], m.out_beta[k])).astype(F32) if k < len(m.out_w) - 1 \
-                else logistic(v)
-        return F32(x[0])
+        """The probability for one hop's features."""
+        return F32(super().step(features)[0])
 
 
 def detect(model, signal, rate):

@@ -6,6 +6,7 @@ the output is trained towards o = sqrt(g) where g = sqrt(E_target / E_noisy), th
 amplitude ratio clipped to [0, 1]: o = min(E_target / E_noisy, 1) ** (1/4).
 """
 
+import dataclasses
 from multiprocessing import Pool
 
 import numpy as np
@@ -28,6 +29,9 @@ BANDWIDTH_MARGIN = 0.97
 
 
 def front_end(geometry, mu, sd):
+    """The 0.0.5 front end, whatever the generation: features scaled by the per-band MU/SD. A 0.0.6
+    network reads the same context and scales it itself by the same values, repeated per frame."""
+    geometry = dataclasses.replace(geometry, generation=net.nc.VERSION)
     records = net.model_records(geometry, net.new_network(geometry), mu, sd, "features",
                                 timestamp="features")
     return net.nc.FrontEnd(net.nc.Model(records))

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Writes a trained checkpoint as a v0.0.5 model file (".vlw" plain, ".sw" enciphered).
+"""Writes a trained checkpoint as a model file (".vlw" plain, ".sw" enciphered) of the generation
+it was trained for (0.0.5, or 0.0.6 for runs of train.py --generation 0.0.6).
 
     export.py --checkpoint STATE_DIR/checkpoint.pt --out models/sonel-nc-32k.vlw \
               [--out models/sonel-nc-32k.sw --build-dir build]
@@ -30,17 +31,17 @@ def load_checkpoint(path):
 
 
 def write_model(path, geometry, model, mu, sd, name, timestamp=None, key=None):
-    """Writes the model file and returns it as the reference cleaner loads it."""
+    """Writes the model file and returns it as the reference cleaner of its generation loads it."""
     writer = sw.WeightWriter(net.model_records(geometry, model, mu, sd, name, timestamp=timestamp))
     writer.write_file(path, key)
     read_back = sw.read_file(path, key)
     if sw.WeightWriter(read_back).to_stream() != writer.to_stream():
         raise ValueError("%s did not read back unchanged" % path)
-    return net.nc.Model(read_back)
+    return net.reference_model(geometry, read_back)
 
 
 def main(argv=None):
-    p = argparse.ArgumentParser(description="Export a training checkpoint as a v0.0.5 model.")
+    p = argparse.ArgumentParser(description="Export a training checkpoint as a model file.")
     p.add_argument("--checkpoint", required=True)
     p.add_argument("--out", action="append", required=True, help="model file (.vlw or .sw); repeatable")
     p.add_argument("--build-dir", help="build folder whose CMakeCache.txt holds SONEL_TEA_KEY (for .sw)")
@@ -57,8 +58,8 @@ def main(argv=None):
     timestamp = args.timestamp or time.strftime("%Y%m%dT%H%M%S", time.gmtime())
     for out in args.out:
         loaded = write_model(out, geometry, model, mu, sd, name, timestamp, key)
-        print("wrote %s (%s, %d Hz, %d bands, hidden %s)" % (out, name, geometry.rate,
-                                                             loaded.bands.count, geometry.hidden))
+        print("wrote %s (%s, %s, %d Hz, %d bands, hidden %s)" % (out, name, geometry.generation, geometry.rate,
+                                                                 loaded.bands.count, geometry.hidden))
     return 0
 
 

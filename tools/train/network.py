@@ -1,11 +1,16 @@
-"""The v0.0.5 cleaner's network as a PyTorch module, the model geometries, and the weight-file
-records written from a trained network.
+"""The cleaners' networks as PyTorch modules, the model geometries, and the weight-file records
+written from a trained network.
 
-The module computes exactly what `nc_v0_0_5.Network` (and the C++ cleaner) computes:
-x = [s ; f]; z = σ(W_z x + b_z); hidden layer k: a = A_k·in + α_k, g = G_k·in + γ_k,
-h = g where a < 0 else a + g; after the first layer only s ← z ⊙ h + (1 − z) ⊙ s; the next layers
-take h; band gains σ(A_last·h + α_last). Parameters are stored in the records' own shapes (rows =
-outputs, the state's columns first), so export is a copy.
+Generation 0.0.5 (`CleanerNetwork`) computes exactly what `nc_v0_0_5.Network` (and the C++
+cleaner) computes: x = [s ; f]; z = σ(W_z x + b_z); hidden layer k: a = A_k·in + α_k,
+g = G_k·in + γ_k, h = g where a < 0 else a + g; after the first layer only
+s ← z ⊙ h + (1 − z) ⊙ s; the next layers take h; band gains σ(A_last·h + α_last). Parameters are
+stored in the records' own shapes (rows = outputs, the state's columns first), so export is a copy.
+
+Generation 0.0.6 (`LayerNormGruCleaner`) is the layer-normalised GRU network of docs/design.md
+(`nc_v0_0_6.Network`): input layers tanh(LayerNorm(W x + b)), PyTorch's GRU, output layers
+tanh(LayerNorm(W x + b)) and a logistic band layer. Export regroups the GRU's weights
+(`gru_records`) and repeats the per-band MU/SD for every frame of the context.
 """
 
 import dataclasses
@@ -20,10 +25,13 @@ import torch
 TOOLS = Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(TOOLS / "reference"))
 sys.path.insert(0, str(TOOLS))
+import layer_norm_gru as lngru  # noqa: E402
 import nc_v0_0_5 as nc  # noqa: E402
+import nc_v0_0_6 as nc6  # noqa: E402
 import sonel_weights as sw  # noqa: E402
 
 F32 = np.float32
+GENERATIONS = (nc.VERSION, nc6.VERSION)
 # Bound on the first layer's state columns (see CleanerNetwork.bound_recurrence).
 RECURRENCE_LIMIT = 0.95
 
@@ -34,6 +42,7 @@ class Geometry:
 
     rate: int
     compress_rate: int
+    # 0.0.5: the hidden layers' widths. 0.0.6: (input layer, GRU, output layer) widths.
     hidden: tuple
     preview_frames: int = 2
     # Energy gate (mean square, 16-bit units): RMS 1 and 2 LSB, i.e. digital silence and its
@@ -43,6 +52,12 @@ class Geometry:
     # Post-processing chosen for the trained network on training-split mixtures, on top of
     # CONTROLS: ((X, (type, value)), ...) for CONTROL_SONEL_X (docs/training.md).
     tuned_controls: tuple = ()
+    generation: str = nc.VERSION
+
+    @property
+    def keys(self):
+        """Names of the generation's CONTROL_ records."""
+        return nc6.KEYS if self.generation == nc6.VERSION else nc.KEYS
 
     @property
     def hop(self):
@@ -70,9 +85,13 @@ class Geometry:
 
 
 def geometry_of(args):
-    """The geometry a run trains: its rate's, with the hidden sizes and feature context the run
-    chose (if any)."""
+    """The geometry a run trains: its rate's, with the generation, hidden sizes and feature context
+    the run chose (if any). Runs from before the generation was a choice trained 0.0.5."""
     geometry = GEOMETRIES[args["rate"]]
+    if (args.get("generation") or nc.VERSION) == nc6.VERSION:
+        # As wide as the rate's 0.0.5 network; its post-processing was tuned for that network.
+        geometry = dataclasses.replace(geometry, generation=nc6.VERSION, hidden=(geometry.hidden[0],) * 3,
+                                       tuned_controls=())
     hidden, preview = args.get("hidden"), args.get("preview_frames")
     if hidden:
         geometry = dataclasses.replace(geometry, hidden=tuple(hidden))
@@ -100,13 +119,9 @@ CONTROLS = {
 }
 
 
-def control_records(controls, compress_rate):
-    records = {}
+def control_records(controls, compress_rate, keys=nc.KEYS):
     values = dict(controls, COMPRESS_RATE=(sw.UINT, compress_rate))
-    for x, (type_code, value) in values.items():
-        prefix = "CONTROL_VELTA_" if x == "COMPRESS_RATE" else "CONTROL_SONEL_"
-        records[prefix + x + "_v0_0_5"] = sw.Record(type_code, value)
-    return records
+    return {keys.control(x): sw.Record(type_code, value) for x, (type_code, value) in values.items()}
 
 
 class CleanerNetwork(torch.nn.Module):
@@ -197,20 +212,111 @@ class CleanerNetwork(torch.nn.Module):
         return x, state
 
 
+class LayerNormGruCleaner(torch.nn.Module):
+    """Band gains from the 0.0.6 network form: one input layer tanh(LayerNorm(W x + b)), a GRU,
+    one output layer of the same form and a logistic band layer. The GRU's state needs no bound:
+    it is a convex blend of itself and a tanh, so it stays within [-1, 1] on any input."""
+
+    def __init__(self, features, bands, hidden):
+        super().__init__()
+        hidden = tuple(hidden)
+        if len(hidden) != 3 or min(hidden) < 1:
+            raise ValueError("a 0.0.6 network has three widths (input layer, GRU, output layer), not %s"
+                             % (hidden,))
+        width, state, out = hidden
+        self.features, self.bands, self.hidden = features, bands, hidden
+        self.inp = torch.nn.Linear(features, width)
+        self.inp_norm = torch.nn.LayerNorm(width, eps=lngru.NORM_EPSILON)
+        self.gru = torch.nn.GRU(width, state, batch_first=True)
+        self.hid = torch.nn.Linear(state, out)
+        self.hid_norm = torch.nn.LayerNorm(out, eps=lngru.NORM_EPSILON)
+        self.out = torch.nn.Linear(out, bands)
+
+    @property
+    def state_size(self):
+        return self.hidden[1]
+
+    def forward(self, features, analysed, state=None):
+        """As CleanerNetwork.forward: gains (batch, blocks, bands) and the state after the last
+        block; blocks the energy gate froze keep the state."""
+        x = torch.tanh(self.inp_norm(self.inp(features)))
+        if state is None:
+            state = features.new_zeros(features.shape[0], self.state_size)
+        if bool(analysed.all()):
+            y, last = self.gru(x, state.unsqueeze(0))
+            state = last[0]
+        else:
+            # A frozen block must leave the state as it was, which the fused GRU cannot: the same
+            # cell one block at a time, the input part for all blocks at once.
+            g = self.gru
+            ahead = torch.nn.functional.linear(x, g.weight_ih_l0, g.bias_ih_l0)
+            keep = analysed.unsqueeze(-1)
+            outputs = []
+            for t, pre in enumerate(ahead.unbind(1)):
+                i_r, i_z, i_n = pre.chunk(3, dim=1)
+                h_r, h_z, h_n = torch.nn.functional.linear(state, g.weight_hh_l0, g.bias_hh_l0).chunk(3, dim=1)
+                r, z = torch.sigmoid(i_r + h_r), torch.sigmoid(i_z + h_z)
+                candidate = torch.tanh(i_n + r * h_n)
+                state = torch.where(keep[:, t], (1 - z) * candidate + z * state, state)
+                outputs.append(state)
+            y = torch.stack(outputs, 1)
+        return torch.sigmoid(self.out(torch.tanh(self.hid_norm(self.hid(y))))), state
+
+
 def _np(p):
     return p.detach().cpu().numpy().astype(F32)
 
 
+def gru_records(gru):
+    """A one-layer PyTorch GRU as the 0.0.6 records WeightGRU, BiasGRU, WeightGRU_reset and
+    BiasGRU_reset. PyTorch keeps the reset, update and candidate rows together ([r; z; n]) and the
+    input and state parts apart; the model file keeps update and candidate in "WeightGRU", the
+    reset gate apart, input and state columns side by side, and sums the two biases of each gate
+    (the candidate's state bias stays apart: the reset gate scales it)."""
+    if gru.num_layers != 1 or not gru.bias or gru.bidirectional:
+        raise ValueError("the 0.0.6 records hold one forward GRU layer with biases")
+    h = gru.hidden_size
+    w_i, w_h = _np(gru.weight_ih_l0), _np(gru.weight_hh_l0)
+    b_i, b_h = _np(gru.bias_ih_l0), _np(gru.bias_hh_l0)
+    r, z, n = slice(0, h), slice(h, 2 * h), slice(2 * h, 3 * h)
+    gru_w = np.block([[w_i[z], w_h[z]], [w_i[n], w_h[n]]])
+    gru_b = np.concatenate([b_i[z] + b_h[z], b_i[n], b_h[n]])
+    reset_w = np.hstack([w_i[r], w_h[r]])
+    return gru_w, gru_b, reset_w, b_i[r] + b_h[r]
+
+
+def _network_records(geometry, network, mu, sd):
+    """The network's records: 0.0.5 as they are stored, 0.0.6 regrouped (with MU and SD)."""
+    R = sw.Record
+    if geometry.generation == nc6.VERSION:
+        n = network
+        return lngru.records(mu, sd, [_np(n.inp.weight)], [_np(n.inp.bias)], [_np(n.inp_norm.weight)],
+                             [_np(n.inp_norm.bias)], *gru_records(n.gru), [_np(n.hid.weight), _np(n.out.weight)],
+                             [_np(n.hid.bias), _np(n.out.bias)], [_np(n.hid_norm.weight)], [_np(n.hid_norm.bias)])
+    return {
+        "WeightGRU": R(sw.MATRIX, _np(network.gate_w)),
+        "BaesGRU": R(sw.VECTOR, _np(network.gate_b)),
+        "WeightNonLinear": R(sw.MATRIX_LIST, [_np(w) for w in network.rect_w] + [_np(network.out_w)]),
+        "BaesNonLinear": R(sw.VECTOR_LIST, [_np(b) for b in network.rect_b] + [_np(network.out_b)]),
+        "WeightLinear": R(sw.MATRIX_LIST, [_np(w) for w in network.lin_w]),
+        "BaesLinear": R(sw.VECTOR_LIST, [_np(b) for b in network.lin_b]),
+    }
+
+
 def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None):
-    """Every record the cleaner reads, in the order of the design page. `controls` default to
-    CONTROLS plus the geometry's tuned post-processing."""
+    """Every record the geometry's cleaner reads, in the order of the design page. `mu` and `sd`
+    hold one value per band, as training measures them; a 0.0.6 network scales every input of the
+    context itself, so its file repeats them for each frame. `controls` default to CONTROLS plus
+    the geometry's tuned post-processing."""
     if controls is None:
         controls = dict(CONTROLS, **dict(geometry.tuned_controls))
     bands = geometry.bands()
     begin, end = geometry.filter_range
+    frames = geometry.preview_frames + 1 if geometry.generation == nc6.VERSION else 1
+    mu, sd = np.tile(np.asarray(mu, F32), frames), np.tile(np.asarray(sd, F32), frames)
     R = sw.Record
     records = {
-        "Version": R(sw.STRING, nc.VERSION),
+        "Version": R(sw.STRING, geometry.generation),
         "SampleRate": R(sw.UINT, geometry.rate),
         "FrameLength": R(sw.UINT, geometry.block),
         "Step": R(sw.UINT, geometry.hop),
@@ -220,25 +326,27 @@ def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None
         "CoefficientNumber": R(sw.UINT, bands.count),
         "FreezeLowEnThr": R(sw.FLOAT, geometry.freeze_low),
         "FreezeHighEnThr": R(sw.FLOAT, geometry.freeze_high),
-        "MU": R(sw.VECTOR, np.asarray(mu, F32)),
-        "SD": R(sw.VECTOR, np.asarray(sd, F32)),
+        "MU": R(sw.VECTOR, mu),
+        "SD": R(sw.VECTOR, sd),
         "LogPowerEpsilon": R(sw.FLOAT, geometry.log_power_epsilon),
         "ModelName": R(sw.STRING, name),
         "TimeStamp": R(sw.STRING, timestamp or time.strftime("%Y%m%dT%H%M%S", time.gmtime())),
-        "WeightGRU": R(sw.MATRIX, _np(network.gate_w)),
-        "BaesGRU": R(sw.VECTOR, _np(network.gate_b)),
-        "WeightNonLinear": R(sw.MATRIX_LIST, [_np(w) for w in network.rect_w] + [_np(network.out_w)]),
-        "BaesNonLinear": R(sw.VECTOR_LIST, [_np(b) for b in network.rect_b] + [_np(network.out_b)]),
-        "WeightLinear": R(sw.MATRIX_LIST, [_np(w) for w in network.lin_w]),
-        "BaesLinear": R(sw.VECTOR_LIST, [_np(b) for b in network.lin_b]),
     }
-    records.update(control_records(controls, geometry.compress_rate))
+    records.update(_network_records(geometry, network, mu, sd))
+    records.update(control_records(controls, geometry.compress_rate, geometry.keys))
     return records
 
 
+def reference_model(geometry, records):
+    """The reference cleaner's model of the geometry's generation, from a file's records."""
+    return (nc6.Model if geometry.generation == nc6.VERSION else nc.Model)(records)
+
+
 def load_records(network, records):
-    """Sets `network`'s parameters from a model file's records (the inverse of model_records);
-    the shapes must match the geometry the network was made for."""
+    """Sets a 0.0.5 `network`'s parameters from a model file's records (the inverse of
+    model_records); the shapes must match the geometry the network was made for."""
+    if not isinstance(network, CleanerNetwork):
+        raise ValueError("only 0.0.5 networks start from a model file")
     rect, lin = records["WeightNonLinear"].value, records["WeightLinear"].value
     values = {"gate_w": records["WeightGRU"].value, "gate_b": records["BaesGRU"].value,
               "out_w": rect[-1], "out_b": records["BaesNonLinear"].value[-1]}
@@ -259,4 +367,5 @@ def load_records(network, records):
 
 def new_network(geometry):
     bands = geometry.bands().count
-    return CleanerNetwork((geometry.preview_frames + 1) * bands, bands, geometry.hidden)
+    form = LayerNormGruCleaner if geometry.generation == nc6.VERSION else CleanerNetwork
+    return form((geometry.preview_frames + 1) * bands, bands, geometry.hidden)

@@ -38,6 +38,7 @@ from scipy.signal import butter, fftconvolve, resample_poly, sosfilt
 
 from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
 from mixing import Mixer, active_power, activity_labels, microphone, room
+from network import gru_records
 from train import DEFAULT_DATA, learning_rate, save
 from vad import auc, part
 
@@ -276,20 +277,11 @@ class RingtoneNetwork(torch.nn.Module):
 
 
 def records(model, mu, sd, timestamp="training"):
-    """The network's weights regrouped into the 0.0.6 records: PyTorch keeps the reset, update
-    and candidate rows together ([r; z; n]); the model file keeps update and candidate in
-    "WeightGRU" and the reset gate apart."""
+    """The network's weights as the 0.0.6 records (the GRU regrouped by network.gru_records)."""
     p = lambda t: t.detach().numpy().astype(F32)  # noqa: E731
-    h = STATE_WIDTH
-    w_i, w_h = p(model.gru.weight_ih_l0), p(model.gru.weight_hh_l0)
-    b_i, b_h = p(model.gru.bias_ih_l0), p(model.gru.bias_hh_l0)
-    r, z, n = slice(0, h), slice(h, 2 * h), slice(2 * h, 3 * h)
-    gru_w = np.block([[w_i[z], w_h[z]], [w_i[n], w_h[n]]])
-    gru_b = np.concatenate([b_i[z] + b_h[z], b_i[n], b_h[n]])
-    reset_w = np.hstack([w_i[r], w_h[r]])
     return rt.model_records(mu, sd, [p(model.inp.weight)], [p(model.inp.bias)],
                             [p(model.inp_norm.weight)], [p(model.inp_norm.bias)],
-                            gru_w, gru_b, reset_w, b_i[r] + b_h[r],
+                            *gru_records(model.gru),
                             [p(model.hid.weight), p(model.out.weight)], [p(model.hid.bias), p(model.out.bias)],
                             [p(model.hid_norm.weight)], [p(model.hid_norm.bias)],
                             name=MODEL_NAME, timestamp=timestamp)

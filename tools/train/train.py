@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Trains a v0.0.5 noise-cleaning network on mixtures made on the fly from the training corpus.
+"""Trains a noise-cleaning network on mixtures made on the fly from the training corpus: the
+v0.0.5 network, or with --generation 0.0.6 the layer-normalised GRU network.
 
     train.py --rate 32000 --state-dir /root/sonel-train/nc32k
 
@@ -47,6 +48,8 @@ SCHEDULES = {8000: (50, 1280), 16000: (50, 1280), 32000: (50, 1280)}
 def parse_args(argv):
     p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     p.add_argument("--rate", type=int, required=True, choices=sorted(net.GEOMETRIES))
+    p.add_argument("--generation", default=net.nc.VERSION, choices=net.GENERATIONS,
+                   help="model generation (network form) to train (default %(default)s)")
     p.add_argument("--state-dir", required=True,
                    help="checkpoints, history and caches (outside the work tree)")
     p.add_argument("--data", default=str(DEFAULT_DATA),
@@ -55,7 +58,8 @@ def parse_args(argv):
                    "--data (default: $%s; none when unset)" % EXTRA_DATA_ENV)
     p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
     p.add_argument("--hidden", type=lambda s: [int(h) for h in s.split(",")],
-                   help="hidden layer sizes, e.g. 192,192 (default by rate; network.py)")
+                   help="hidden layer sizes, e.g. 192,192; for 0.0.6 input layer, GRU and output layer, "
+                   "e.g. 96,96,96 (default by rate; network.py)")
     p.add_argument("--preview-frames", type=int,
                    help="past blocks the network sees beside the current one (default by rate)")
     p.add_argument("--init-from", help="model file (.vlw) whose network and MU/SD a new run starts from")
@@ -91,12 +95,18 @@ def parse_args(argv):
     p.add_argument("--workers", type=int, default=2, help="data worker processes")
     p.add_argument("--threads", type=int, default=1, help="torch threads")
     p.add_argument("--recurrence-limit", type=float, default=net.RECURRENCE_LIMIT,
-                   help="bound on the first layer's state columns (0: none; see network.py)")
+                   help="bound on the first layer's state columns (0: none; see network.py); 0.0.5 only, "
+                   "a 0.0.6 state is bounded by its form")
     p.add_argument("--checkpoint-minutes", type=float, default=5.0)
     p.add_argument("--until-epoch", type=int,
                    help="stop once this many epochs are done, keeping the schedule's learning-rate curve")
     p.add_argument("--stop-after", type=int, help="stop after this many batches (smoke runs)")
     args = p.parse_args(argv)
+    if args.generation == net.nc6.VERSION:
+        if args.hidden and len(args.hidden) != 3:
+            p.error("a 0.0.6 network takes three --hidden widths: input layer, GRU, output layer")
+        if args.init_from:
+            p.error("--init-from reads 0.0.5 model files only")
     epochs, examples = SCHEDULES[args.rate]
     args.epochs = args.epochs or epochs
     args.examples = args.examples or examples
@@ -106,9 +116,10 @@ def parse_args(argv):
 
 
 # Settings that must not change when a run is resumed.
-FIXED = ("rate", "hidden", "preview_frames", "noise_only_share", "batch", "seconds", "chunk", "seed",
-         "examples", "validation", "normalisation")
-FIXED_BEFORE = {"hidden": None, "preview_frames": None, "noise_only_share": P_NOISE_ONLY}
+FIXED = ("rate", "generation", "hidden", "preview_frames", "noise_only_share", "batch", "seconds", "chunk",
+         "seed", "examples", "validation", "normalisation")
+FIXED_BEFORE = {"generation": net.nc.VERSION, "hidden": None, "preview_frames": None,
+                "noise_only_share": P_NOISE_ONLY}
 
 
 def loss_terms(gains, target, valid, energy, attenuation_weight, energy_weight):
@@ -176,6 +187,8 @@ def main(argv=None):
     torch.set_num_threads(args.threads)
     device = torch.device("cuda" if torch.cuda.is_available() else "cpu")
     geometry = net.geometry_of(vars(args))
+    # Only the 0.0.5 state can run away (network.py); a 0.0.6 one is bounded by its form.
+    bound_recurrence = args.recurrence_limit > 0 and geometry.generation == net.nc.VERSION
     state_dir = Path(args.state_dir)
     state_dir.mkdir(parents=True, exist_ok=True)
     checkpoint_path = state_dir / "checkpoint.pt"
@@ -208,7 +221,7 @@ def main(argv=None):
         if records["SampleRate"].value != args.rate:
             sys.exit("%s is a %d Hz model, not %d Hz" % (args.init_from, records["SampleRate"].value, args.rate))
         net.load_records(model, records)
-        if args.recurrence_limit > 0:
+        if bound_recurrence:
             model.bound_recurrence(args.recurrence_limit)
         mu, sd = (np.asarray(records[k].value, np.float32) for k in ("MU", "SD"))
         print("starting from %s" % args.init_from, flush=True)
@@ -257,7 +270,7 @@ def main(argv=None):
                         raise FloatingPointError("loss %s, gradient norm %s at epoch %d, batch %d, step %d"
                                                  % (float(loss), float(norm), epoch, position, step))
                     optimizer.step()
-                    if args.recurrence_limit > 0:
+                    if bound_recurrence:
                         model.bound_recurrence(args.recurrence_limit)
                     state = state.detach()
                     step += 1

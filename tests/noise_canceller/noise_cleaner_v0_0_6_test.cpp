@@ -1,0 +1,285 @@
+// The v0.0.6 cleaner: malformed models, which "0.0.6" files cleaning sessions take, sessions at
+// 16 and 48 kHz hosts without allocation per frame, reset, and its post-processing keys. Its
+// numbers are held against the NumPy reference in reference_parity_test.cpp.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "noise_canceller/band_layout.h"
+#include "noise_canceller/noise_cleaner_v0_0_6.h"
+#include "sonel_audio_sdk/session.h"
+#include "test_support.h"
+#include "utils/alloc_counter.h"
+
+using namespace sonel_test;
+using SONEL::CONTAINERS::Matrix;
+using SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_6;
+using SONEL::SONEL_AUDIO::SonelAudioSessionT;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
+using Vectors = std::vector<std::vector<float>>;
+
+// A 16 kHz model: bins 1 … 160 at compress rate 3 (50 bands, not the default rate's 80), two past
+// frames of context, an input layer of 16, a GRU of 12 and an output layer of 10.
+constexpr unsigned kRate = 16000, kCompress = 3, kPreview = 2, kWidth = 16, kHidden = 12, kOut = 10;
+const unsigned kBands =
+    static_cast<unsigned>(SONEL::NOISE_CANCELLER::BandLayout(kRate / 100, kCompress).bandCount());
+const unsigned kFeatures = (kPreview + 1) * kBands;
+
+Records cleanerRecords(unsigned seed = 1) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> normal(0.0f, 1.0f);
+    auto matrix = [&](unsigned r, unsigned c, float scale = 1.0f) {
+        Matrix m(r, c);
+        for (float& v : m.data) v = scale * normal(rng) / std::sqrt(static_cast<float>(c));
+        return m;
+    };
+    auto values = [&](unsigned n, float base) {
+        std::vector<float> v(n);
+        for (float& x : v) x = base + 0.1f * normal(rng);
+        return v;
+    };
+    return {{"Version", std::string("0.0.6")},
+            {"SampleRate", kRate},
+            {"FrameLength", 2 * kRate / 100},
+            {"Step", kRate / 100},
+            {"FiltrBegin", 1u},
+            {"FiltrEnd", kRate / 100},
+            {"PreviewFrames", kPreview},
+            {"CoefficientNumber", kBands},
+            {"FreezeLowEnThr", 0.0f},
+            {"FreezeHighEnThr", 0.0f},
+            {"LogPowerEpsilon", 1.0f},
+            {"ModelName", std::string("v006-test")},
+            {"TimeStamp", std::string("20261124")},
+            {"CONTROL_VELTA_COMPRESS_RATE_v0_0_6", kCompress},
+            {"MU", std::vector<float>(kFeatures, 8.0f)},
+            {"SD", std::vector<float>(kFeatures, 3.0f)},
+            {"WeightLinear", std::vector<Matrix>{matrix(kWidth, kFeatures)}},
+            {"BiasLinear", Vectors{values(kWidth, 0)}},
+            {"GainLinearNorm", Vectors{values(kWidth, 1)}},
+            {"BiasLinearNorm", Vectors{values(kWidth, 0)}},
+            {"WeightGRU", matrix(2 * kHidden, kWidth + kHidden)},
+            {"BiasGRU", values(3 * kHidden, 0)},
+            {"WeightGRU_reset", matrix(kHidden, kWidth + kHidden)},
+            {"BiasGRU_reset", values(kHidden, 0)},
+            {"WeightNonLinear", std::vector<Matrix>{matrix(kOut, kHidden), matrix(kBands, kOut, 2.0f)}},
+            {"BiasNonLinear", Vectors{values(kOut, 0), values(kBands, 0.5f)}},
+            {"GainNonLinearNorm", Vectors{values(kOut, 1)}},
+            {"BiasNonLinearNorm", Vectors{values(kOut, 0)}}};
+}
+
+SONEL::WEIGHTS::WeightWriter writerFor(const Records& records) {
+    SONEL::WEIGHTS::WeightWriter writer;
+    for (const auto& [name, value] : records) writer.add(name, value);
+    return writer;
+}
+
+SONEL::WEIGHTS::ModelPtr modelFrom(const Records& records) {
+    auto weight = std::make_shared<SONEL::WEIGHTS::Weight>();
+    const std::vector<uint8_t> bytes = writerFor(records).toStream();
+    EXPECT_TRUE(weight->loadStream(bytes.data(), bytes.size())) << weight->message();
+    return std::make_shared<SONEL::WEIGHTS::ModelPair>(weight, SONEL::CONTAINERS::AnyMap{});
+}
+
+void registerModel(const ScratchDir& dir, const Records& records, const std::string& name) {
+    ASSERT_TRUE(writerFor(records).writeFile(dir.file(name + ".vlw")));
+    CaptureStdout();
+    ASSERT_EQ(sonelAudioSetModel(wide(dir.file(name + ".vlw")).c_str(), name.c_str()), SONEL_AUDIO_OK);
+    GetCapturedStdout();
+}
+
+SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
+
+// A voiced tone with noise whose level moves, full scale ±1.
+std::vector<float> noisyVoice(unsigned hz, double seconds, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> normal(0.0f, 1.0f);
+    std::vector<float> x(static_cast<size_t>(seconds * hz));
+    for (size_t i = 0; i < x.size(); ++i) {
+        const double t = static_cast<double>(i) / hz;
+        const double voice = std::sin(2 * M_PI * 180 * t) + 0.5 * std::sin(2 * M_PI * 360 * t);
+        x[i] = static_cast<float>(0.05 * (1.2 + std::sin(2 * M_PI * 2 * t)) * voice) + 0.02f * normal(rng);
+    }
+    return x;
+}
+
+// Output of a session at the model's rate fed `x` in 10 ms frames, the model alone in the
+// registry (selection would otherwise pick any cleaner at the rate).
+std::vector<float> cleanedBySession(const Records& model, const std::vector<float>& x) {
+    ScratchDir dir;
+    GlobalInstance global;
+    registerModel(dir, model, "model");
+    CaptureStdout();  // the volume increase's note that it brings the clip fix
+    void* session = sonelAudioNcCreateSession(rate(kRate), rate(kRate), SONEL_AUDIO_FRAME_10MS, "model");
+    GetCapturedStdout();
+    EXPECT_NE(session, nullptr);
+    if (!session) return {};
+    const unsigned n = kRate / 100;
+    std::vector<float> out(x.size());
+    for (size_t pos = 0; pos + n <= x.size(); pos += n)
+        EXPECT_EQ(sonelAudioNcCleanAmbientNoiseFloat(session, x.data() + pos, n, out.data() + pos, n), SONEL_AUDIO_OK);
+    EXPECT_EQ(sonelAudioNcCloseSession(session), SONEL_AUDIO_OK);
+    return out;
+}
+
+}  // namespace
+
+TEST(NoiseCleanerV006, MalformedRecordsAreRefusedByName) {
+    auto matrices = [](Records& r, const char* key) -> std::vector<Matrix>& {
+        return std::get<std::vector<Matrix>>(r[key]);
+    };
+    auto vectors = [](Records& r, const char* key) -> Vectors& { return std::get<Vectors>(r[key]); };
+    const std::string features = std::to_string(kFeatures), bands = std::to_string(kBands);
+    const std::vector<std::tuple<const char*, std::function<void(Records&)>, std::string>> cases = {
+        {"no front-end record", [](Records& r) { r.erase("Step"); }, "Step doesn't exists"},
+        // Read under the v0.0.5 name the compress rate is the default 2: 80 bands, not 50.
+        {"compress rate under the v0.0.5 name",
+         [](Records& r) {
+             r["CONTROL_VELTA_COMPRESS_RATE_v0_0_5"] = r["CONTROL_VELTA_COMPRESS_RATE_v0_0_6"];
+             r.erase("CONTROL_VELTA_COMPRESS_RATE_v0_0_6");
+         },
+         "CoefficientNumber " + bands + " but 80 bands"},
+        // One value per band, as a v0.0.5 model may hold, is not one per input.
+        {"MU per band", [](Records& r) { r["MU"] = std::vector<float>(kBands, 8.0f); },
+         "MU and SD need " + features + " values"},
+        {"negative SD", [](Records& r) { std::get<std::vector<float>>(r["SD"])[7] = -1.0f; }, "SD[7] is -1"},
+        {"no reset bias", [](Records& r) { r.erase("BiasGRU_reset"); }, "BiasGRU_reset doesn't exists"},
+        {"input layer reads the current frame only",
+         [&](Records& r) { matrices(r, "WeightLinear")[0] = Matrix(kWidth, kBands); },
+         "WeightLinear[0] is 16 x " + bands + ", not (at least 1) x " + features},
+        {"norm gain width", [&](Records& r) { vectors(r, "GainNonLinearNorm")[0].pop_back(); },
+         "GainNonLinearNorm[0] and BiasNonLinearNorm[0] need 10 values"},
+        {"one gain short",
+         [&](Records& r) {
+             matrices(r, "WeightNonLinear")[1] = Matrix(kBands - 1, kOut);
+             vectors(r, "BiasNonLinear")[1].pop_back();
+         },
+         "WeightNonLinear has " + std::to_string(kBands - 1) + " rows, not one per band (" + bands + ")"},
+    };
+    for (const auto& [change, apply, message] : cases) {
+        SCOPED_TRACE(change);
+        Records records = cleanerRecords();
+        apply(records);
+        try {
+            CaptureStdout();
+            NoiseCleaner_v0_0_6 cleaner(modelFrom(records), kRate);
+            GetCapturedStdout();
+            ADD_FAILURE() << "accepted";
+        } catch (const SONEL::UTILS::SonelException& e) {
+            GetCapturedStdout();
+            EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
+        }
+    }
+
+    // Through the C interface: a malformed cleaner is refused with the reason, and a "0.0.6" file
+    // with a ringtone version is a detector, which no cleaning session runs.
+    Records bad = cleanerRecords(), detector = cleanerRecords();
+    bad["BiasGRU"] = std::vector<float>(2 * kHidden);
+    detector["RingtoneVersion"] = std::string("0.0.1");
+    for (const auto& [records, message] : {std::pair{bad, "BiasGRU needs 36 values"},
+                                           std::pair{detector, "Unsupported weight version"}}) {
+        SCOPED_TRACE(message);
+        ScratchDir dir;
+        GlobalInstance global;
+        registerModel(dir, records, "model");
+        CaptureStderr();
+        EXPECT_EQ(sonelAudioNcCreateSession(rate(kRate), rate(kRate), SONEL_AUDIO_FRAME_10MS, "model"), nullptr);
+        EXPECT_NE(GetCapturedStderr().find(message), std::string::npos);
+    }
+}
+
+TEST(NoiseCleanerV006, SessionsAt16And48kHzCleanWithoutAllocatingPerFrame) {
+    ScratchDir dir;
+    GlobalInstance global;
+    registerModel(dir, cleanerRecords(), "v006");
+    for (unsigned host : {16000u, 48000u}) {
+        SCOPED_TRACE(host);
+        void* session = sonelAudioNcCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "v006");
+        ASSERT_NE(session, nullptr);
+        SONEL::NOISE_CANCELLER::NoiseCleaner& cleaner = static_cast<SonelAudioSessionT*>(session)->cleaner();
+        EXPECT_NE(dynamic_cast<NoiseCleaner_v0_0_6*>(&cleaner), nullptr);
+        EXPECT_EQ(cleaner.sampleRate(), kRate);
+
+        const std::vector<float> x = noisyVoice(host, 3.0, host);
+        const unsigned n = host / 100;
+        std::vector<float> out(n);
+        size_t allocations = 0, nonFinite = 0;
+        double in2 = 0.0, out2 = 0.0;
+        for (size_t f = 0; (f + 1) * n <= x.size(); ++f) {
+            const size_t before = allocationCount();
+            ASSERT_EQ(sonelAudioNcCleanAmbientNoiseFloat(session, x.data() + f * n, n, out.data(), n), SONEL_AUDIO_OK);
+            if (f >= 10) allocations += allocationCount() - before;
+            for (unsigned i = 0; i < n; ++i) {
+                nonFinite += std::isfinite(out[i]) ? 0 : 1;
+                in2 += static_cast<double>(x[f * n + i]) * x[f * n + i];
+                out2 += static_cast<double>(out[i]) * out[i];
+            }
+        }
+        EXPECT_EQ(allocations, 0u);
+        EXPECT_EQ(nonFinite, 0u);
+        // The gains are below 1 and squared: the output is quieter than the input, but not silent.
+        EXPECT_LT(out2, 0.9 * in2);
+        EXPECT_GT(out2, 0.01 * in2);
+        EXPECT_EQ(sonelAudioNcCloseSession(session), SONEL_AUDIO_OK);
+    }
+
+    // After a reset the cleaner cleans as a new one: recurrent state, context and buffers restart.
+    const SONEL::WEIGHTS::ModelPtr model = modelFrom(cleanerRecords());
+    CaptureStdout();
+    NoiseCleaner_v0_0_6 used(model, kRate), fresh(model, kRate);
+    GetCapturedStdout();
+    const std::vector<float> first = noisyVoice(kRate, 0.5, 1), second = noisyVoice(kRate, 0.5, 2);
+    std::vector<float> frame(kRate / 100), again(kRate / 100);
+    for (size_t pos = 0; pos + frame.size() <= first.size(); pos += frame.size()) {
+        frame.assign(first.begin() + static_cast<long>(pos), first.begin() + static_cast<long>(pos + frame.size()));
+        for (float& v : frame) v *= 32768.0f;
+        used.cleanNoise(frame, nullptr, false);
+    }
+    used.resetSession();
+    size_t differing = 0;
+    for (size_t pos = 0; pos + frame.size() <= second.size(); pos += frame.size()) {
+        frame.assign(second.begin() + static_cast<long>(pos), second.begin() + static_cast<long>(pos + frame.size()));
+        for (float& v : frame) v *= 32768.0f;
+        again = frame;
+        used.cleanNoise(frame, nullptr, false);
+        fresh.cleanNoise(again, nullptr, false);
+        for (size_t i = 0; i < frame.size(); ++i) differing += frame[i] != again[i];
+    }
+    EXPECT_EQ(differing, 0u);
+}
+
+TEST(NoiseCleanerV006, PostProcessingKeysTakeEffectUnderTheV006NamesOnly) {
+    Records louder = cleanerRecords(), misnamed = cleanerRecords();
+    louder["CONTROL_VELTA_VOLUME_UP_v0_0_6"] = std::string("t");
+    louder["CONTROL_VELTA_VOLUME_UP_PERCENT_v0_0_6"] = 100.0f;
+    misnamed["CONTROL_SONEL_VOLUME_UP_v0_0_5"] = std::string("t");
+    misnamed["CONTROL_SONEL_VOLUME_UP_PERCENT_v0_0_5"] = 100.0f;
+    // Quiet enough that twice the output stays far below the clip fix's point.
+    const std::vector<float> x = noisyVoice(kRate, 1.0, 3);
+    const std::vector<float> plain = cleanedBySession(cleanerRecords(), x), up = cleanedBySession(louder, x),
+                             other = cleanedBySession(misnamed, x);
+    ASSERT_EQ(plain.size(), x.size());
+    ASSERT_EQ(up.size(), x.size());
+    ASSERT_EQ(other.size(), x.size());
+    double energy = 0.0;
+    size_t notDoubled = 0, changed = 0;
+    for (size_t i = 0; i < x.size(); ++i) {
+        energy += static_cast<double>(plain[i]) * plain[i];
+        notDoubled += std::fabs(up[i] - 2.0f * plain[i]) > 1e-6f;
+        changed += other[i] != plain[i];
+    }
+    EXPECT_GT(energy, 1e-3);
+    EXPECT_EQ(notDoubled, 0u);
+    EXPECT_EQ(changed, 0u);
+}

@@ -1,0 +1,128 @@
+"""NumPy reference of the layer-normalised GRU network, the network of generation 0.0.6 models,
+written from docs/design.md (Layer-normalised GRU network). The ringtone detector and the v0.0.6
+cleaner both run it; each reads its records and gives its own number of features.
+
+    weights = Weights(records, features)      # the 14 records, checked against each other
+    network = Network(weights)
+    out = network.step(x)                     # raw features in, the last layer's values out
+"""
+
+import sys
+from pathlib import Path
+
+import numpy as np
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+import sonel_weights as sw  # noqa: E402
+from nc_v0_0_5 import _record  # noqa: E402
+
+F32 = np.float32
+# Added to a layer's variance under the square root (PyTorch's LayerNorm default).
+NORM_EPSILON = 1e-5
+
+
+def logistic(v):
+    """The exponential in double, the rest in float, as the library's single-precision form."""
+    return F32(1.0) / (F32(1.0) + np.exp(-np.asarray(v, np.float64)).astype(F32))
+
+
+def layer_norm(v, gain, bias):
+    """(v - mean) / sqrt(var + eps) * gain + bias over v's own values; mean and variance in double."""
+    v = np.asarray(v, F32)
+    mean = v.mean(dtype=np.float64)
+    var = ((v - mean) ** 2).mean(dtype=np.float64)
+    return ((v - mean) / np.sqrt(var + NORM_EPSILON) * gain + bias).astype(F32)
+
+
+def records(mu, sd, in_ws, in_bs, in_gains, in_betas, gru_w, gru_b, reset_w, reset_b,
+            out_ws, out_bs, out_gains, out_betas):
+    """The network's records under the 0.0.6 names."""
+    R = sw.Record
+    vec = lambda v: np.asarray(v, F32)  # noqa: E731
+    return {
+        "MU": R(sw.VECTOR, vec(mu)),
+        "SD": R(sw.VECTOR, vec(sd)),
+        "WeightLinear": R(sw.MATRIX_LIST, [vec(w) for w in in_ws]),
+        "BiasLinear": R(sw.VECTOR_LIST, [vec(b) for b in in_bs]),
+        "GainLinearNorm": R(sw.VECTOR_LIST, [vec(g) for g in in_gains]),
+        "BiasLinearNorm": R(sw.VECTOR_LIST, [vec(b) for b in in_betas]),
+        "WeightGRU": R(sw.MATRIX, vec(gru_w)),
+        "BiasGRU": R(sw.VECTOR, vec(gru_b)),
+        "WeightGRU_reset": R(sw.MATRIX, vec(reset_w)),
+        "BiasGRU_reset": R(sw.VECTOR, vec(reset_b)),
+        "WeightNonLinear": R(sw.MATRIX_LIST, [vec(w) for w in out_ws]),
+        "BiasNonLinear": R(sw.VECTOR_LIST, [vec(b) for b in out_bs]),
+        "GainNonLinearNorm": R(sw.VECTOR_LIST, [vec(g) for g in out_gains]),
+        "BiasNonLinearNorm": R(sw.VECTOR_LIST, [vec(b) for b in out_betas]),
+    }
+
+
+def _chain(weights, biases, gains, betas, normed, width, name):
+    """Checks one stack of layers from `width` inputs; returns the last layer's width."""
+    if not weights or len(biases) != len(weights) or len(gains) != normed or len(betas) != normed:
+        raise ValueError("%s: %d layers, %d biases, %d and %d norm entries (%d wanted)"
+                         % (name, len(weights), len(biases), len(gains), len(betas), normed))
+    for k, (w, b) in enumerate(zip(weights, biases)):
+        if w.ndim != 2 or w.shape[0] < 1 or w.shape[1] != width or b.shape != (w.shape[0],):
+            raise ValueError("%s[%d] is %s, not (at least 1) x %d" % (name, k, w.shape, width))
+        if k < normed and (gains[k].shape != b.shape or betas[k].shape != b.shape):
+            raise ValueError("%s[%d]'s norm gain and bias need %d values" % (name, k, w.shape[0]))
+        width = w.shape[0]
+    return width
+
+
+class Weights:
+    """The records of one network for `features` inputs, checked against each other."""
+
+    def __init__(self, records, features):
+        get = lambda name, code: _record(records, name, code)  # noqa: E731
+        self.mu, self.sd = get("MU", sw.VECTOR), get("SD", sw.VECTOR)
+        self.in_w, self.in_b = get("WeightLinear", sw.MATRIX_LIST), get("BiasLinear", sw.VECTOR_LIST)
+        self.in_g = get("GainLinearNorm", sw.VECTOR_LIST)
+        self.in_beta = get("BiasLinearNorm", sw.VECTOR_LIST)
+        self.gru_w, self.gru_b = get("WeightGRU", sw.MATRIX), get("BiasGRU", sw.VECTOR)
+        self.reset_w, self.reset_b = get("WeightGRU_reset", sw.MATRIX), get("BiasGRU_reset", sw.VECTOR)
+        self.out_w, self.out_b = get("WeightNonLinear", sw.MATRIX_LIST), get("BiasNonLinear", sw.VECTOR_LIST)
+        self.out_g = get("GainNonLinearNorm", sw.VECTOR_LIST)
+        self.out_beta = get("BiasNonLinearNorm", sw.VECTOR_LIST)
+        if len(self.mu) != features or len(self.sd) != features or np.any(self.sd <= 0):
+            raise ValueError("MU and SD must have %d values, SD above 0" % features)
+        width = _chain(self.in_w, self.in_b, self.in_g, self.in_beta, len(self.in_w), features, "WeightLinear")
+        self.hidden = self.reset_w.shape[0]
+        if self.reset_w.shape != (self.hidden, width + self.hidden) or len(self.reset_b) != self.hidden:
+            raise ValueError("WeightGRU_reset must be H x (%d + H) and BiasGRU_reset H values" % width)
+        if self.gru_w.shape != (2 * self.hidden, width + self.hidden) or len(self.gru_b) != 3 * self.hidden:
+            raise ValueError("WeightGRU must be 2H x (I + H) and BiasGRU 3H values")
+        self.outputs = _chain(self.out_w, self.out_b, self.out_g, self.out_beta, max(len(self.out_w) - 1, 0),
+                              self.hidden, "WeightNonLinear")
+
+
+class Network:
+    """Recurrent state and one step of the network."""
+
+    def __init__(self, weights):
+        self.m = weights
+        self.reset()
+
+    def reset(self):
+        self.state = np.zeros(self.m.hidden, F32)
+
+    def step(self, features):
+        """The last layer's values (float32) for one input of raw features; advances the state."""
+        m, h = self.m, self.state
+        x = ((np.asarray(features, F32) - m.mu) / m.sd).astype(F32)
+        for w, b, g, beta in zip(m.in_w, m.in_b, m.in_g, m.in_beta):
+            x = np.tanh(layer_norm(w @ x + b, g, beta)).astype(F32)
+        width, hidden = len(x), m.hidden
+        u_part, h_part = m.gru_w[:, :width], m.gru_w[:, width:]
+        z = logistic(u_part[:hidden] @ x + h_part[:hidden] @ h + m.gru_b[:hidden])
+        r = logistic(m.reset_w[:, :width] @ x + m.reset_w[:, width:] @ h + m.reset_b)
+        c = np.tanh(u_part[hidden:] @ x + m.gru_b[hidden:2 * hidden]
+                    + r * (h_part[hidden:] @ h + m.gru_b[2 * hidden:])).astype(F32)
+        self.state = (z * h + (F32(1.0) - z) * c).astype(F32)
+        x = self.state
+        for k, (w, b) in enumerate(zip(m.out_w, m.out_b)):
+            v = (w @ x + b).astype(F32)
+            x = np.tanh(layer_norm(v, m.out_g[k], m.out_beta[k])).astype(F32) if k < len(m.out_w) - 1 \
+                else logistic(v)
+        return x

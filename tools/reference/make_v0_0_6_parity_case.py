@@ -1,0 +1,151 @@
+#!/usr/bin/python3
+"""Writes a parity case for the C++ v0.0.6 cleaner: a random model, a test signal and the NumPy
+reference's output for it.
+
+    make_v0_0_6_parity_case.py OUTDIR --rate R --seed S [--input-layers 1|2] [--defaults]
+
+OUTDIR/model.vlw is a random, numerically tame v0.0.6 cleaner (the v0.0.5 parity case's geometry:
+compress rate 2, two past frames of context, a top band cut short; input layers of 32, a GRU of
+24, a normalised output layer of 16 and the band layer; the energy gate on, so the silent stretch
+freezes blocks and the state must wait across them). OUTDIR/input.f32 is the v0.0.5 parity case's
+signal (make_parity_case.py) and OUTDIR/expected.f32 the reference output for it fed in 10 ms
+frames; both raw little-endian float32 at the model rate. Without --defaults the model also
+switches on, under the v0.0.6 names, every post-processing step the reference has.
+"""
+
+import argparse
+import os
+import sys
+
+import numpy as np
+
+import make_parity_case as case
+import nc_v0_0_6 as nc6
+
+nc = nc6.nc
+sw = nc.sw
+F32 = np.float32
+
+INPUT_WIDTH = 32
+HIDDEN = 24
+OUTPUT_WIDTH = 16
+# Energy gate (mean square, 16-bit units): the training geometry's, digital silence and dither.
+FREEZE_LOW, FREEZE_HIGH = 1.0, 4.0
+# Columns that read the recurrent state are kept small so the state update contracts and a
+# rounding difference between implementations dies out instead of growing.
+STATE_WEIGHT_SCALE = 0.4
+# Band logits over the test signal: this spread around a mean drawn from LOGIT_MEAN_RANGE, as in
+# the v0.0.5 case, so gains cover (0, 1) and the volume increase reaches the clip-fix point.
+LOGIT_SPREAD = 1.5
+LOGIT_MEAN_RANGE = (0.0, 2.0)
+SD_FLOOR = 0.1
+
+
+def front_end_records(rate, controls):
+    """The front-end records and the controls under the v0.0.6 names."""
+    hop = rate // 100
+    bins = hop + 1
+    begin, end = case.unaligned_filter_range(bins, case.COMPRESS_RATE)
+    bands = nc.BandLayout(bins, begin, end, case.COMPRESS_RATE).count
+    R = sw.Record
+    records = {
+        "Version": R(sw.STRING, nc6.VERSION),
+        "SampleRate": R(sw.UINT, rate),
+        "FrameLength": R(sw.UINT, 2 * hop),
+        "Step": R(sw.UINT, hop),
+        "FiltrBegin": R(sw.UINT, begin),
+        "FiltrEnd": R(sw.UINT, end),
+        "PreviewFrames": R(sw.UINT, case.PREVIEW_FRAMES),
+        "CoefficientNumber": R(sw.UINT, bands),
+        "FreezeLowEnThr": R(sw.FLOAT, FREEZE_LOW),
+        "FreezeHighEnThr": R(sw.FLOAT, FREEZE_HIGH),
+        "LogPowerEpsilon": R(sw.FLOAT, case.LOG_POWER_EPSILON),
+        "ModelName": R(sw.STRING, "parity-v0.0.6-%d" % rate),
+        "TimeStamp": R(sw.STRING, "20260101T000000"),
+    }
+    records.update(case.control_records(dict(controls, COMPRESS_RATE=(sw.UINT, case.COMPRESS_RATE)), nc6.KEYS))
+    return records, (case.PREVIEW_FRAMES + 1) * bands, bands
+
+
+def random_network(rng, features, bands, input_layers):
+    def dense(rows, columns, state_columns=0):
+        w = rng.standard_normal((rows, columns))
+        w[:, columns - state_columns:] *= STATE_WEIGHT_SCALE / np.sqrt(max(state_columns, 1))
+        w[:, :columns - state_columns] /= np.sqrt(columns - state_columns)
+        return w.astype(F32)
+
+    def small(n):
+        return (0.1 * rng.standard_normal(n)).astype(F32)
+
+    def gains(n):
+        return (1.0 + 0.1 * rng.standard_normal(n)).astype(F32)
+
+    widths = [features] + [INPUT_WIDTH] * input_layers
+    out_widths = [HIDDEN, OUTPUT_WIDTH, bands]
+    return dict(
+        in_ws=[dense(widths[k + 1], widths[k]) for k in range(input_layers)],
+        in_bs=[small(w) for w in widths[1:]], in_gains=[gains(w) for w in widths[1:]],
+        in_betas=[small(w) for w in widths[1:]],
+        gru_w=dense(2 * HIDDEN, INPUT_WIDTH + HIDDEN, HIDDEN), gru_b=small(3 * HIDDEN),
+        reset_w=dense(HIDDEN, INPUT_WIDTH + HIDDEN, HIDDEN), reset_b=small(HIDDEN),
+        out_ws=[dense(out_widths[k + 1], out_widths[k]) for k in range(2)],
+        out_bs=[small(w) for w in out_widths[1:]], out_gains=[gains(OUTPUT_WIDTH)], out_betas=[small(OUTPUT_WIDTH)])
+
+
+def records_for(front, network, mu, sd):
+    return dict(front, **nc6.lngru.records(mu, sd, **network))
+
+
+def band_logits(records, signal):
+    """The band layer's logits for every analysed block of a fresh stream."""
+    model = nc6.Model(records)
+    feats = nc.FrontEnd(model).signal_features(signal)
+    network = model.new_network()
+    gains = np.stack([network.step(f) for f in feats.inputs[feats.analysed]]).astype(np.float64)
+    gains = np.clip(gains, 1e-6, 1 - 1e-6)
+    return np.log(gains / (1 - gains)), feats
+
+
+def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL):
+    rng = np.random.default_rng(seed)
+    signal = case.test_signal(rate, rng)
+    front, features, bands = front_end_records(rate, controls)
+    network = random_network(rng, features, bands, input_layers)
+
+    # MU/SD: one value per network input, from the context of the signal's analysed blocks.
+    ones = records_for(front, network, np.zeros(features, F32), np.ones(features, F32))
+    _, feats = band_logits(ones, signal)
+    context = feats.inputs[feats.analysed]
+    mu = context.mean(axis=0).astype(F32)
+    sd = (context.std(axis=0) + SD_FLOOR).astype(F32)
+
+    # Scale and shift each band's logit so the gains over the signal spread over (0, 1).
+    logits, _ = band_logits(records_for(front, network, mu, sd), signal)
+    scale = LOGIT_SPREAD / (logits.std(axis=0) + 1e-6)
+    offset = rng.uniform(*LOGIT_MEAN_RANGE, bands)
+    network["out_ws"][-1] = (network["out_ws"][-1] * scale[:, None]).astype(F32)
+    network["out_bs"][-1] = ((network["out_bs"][-1] - logits.mean(axis=0)) * scale + offset).astype(F32)
+
+    os.makedirs(outdir, exist_ok=True)
+    path = os.path.join(outdir, "model.vlw")
+    sw.WeightWriter(records_for(front, network, mu, sd)).write_file(path)
+    signal.astype("<f4").tofile(os.path.join(outdir, "input.f32"))
+    # The expected output comes from the file as written, so it is what the library will load.
+    nc6.clean(nc6.Model.load(path), signal).astype("<f4").tofile(os.path.join(outdir, "expected.f32"))
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description="Write a v0.0.6 cleaner parity case (model, input, expected output).")
+    parser.add_argument("outdir")
+    parser.add_argument("--rate", type=int, required=True, choices=(8000, 16000, 24000, 32000))
+    parser.add_argument("--seed", type=int, required=True)
+    parser.add_argument("--input-layers", type=int, default=1, choices=(1, 2))
+    parser.add_argument("--defaults", action="store_true",
+                        help="leave every post-processing switch at its default")
+    args = parser.parse_args(argv)
+    write_case(args.outdir, args.rate, args.seed, args.input_layers, {} if args.defaults else case.EXERCISE_ALL)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
