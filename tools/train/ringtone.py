@@ -50,7 +50,7 @@ import ringtone_v0_0_1 as rt  # noqa: E402
 sw = rt.sw
 F32 = np.float32
 RATE = 16000
-INPUT_WIDTH, STATE_WIDTH, OUTPUT_WIDTH = 64, 64, 32
+WIDTHS = (64, 64, 32)  # input layer, GRU, hidden output layer
 LABEL_RANGE_DB = 25.0
 HANGOVER_HOPS = 20
 MASKED_DB = 20.0
@@ -222,11 +222,11 @@ def make_example(mixer, rings, rng):
 _state = None
 
 
-def _init(corpus_folder, ring_folder, seconds, seed):
+def _init(corpus_folder, ring_folder, seconds, seed, music_share):
     global _state
     corpus = Corpus(corpus_folder)
     corpus.noise_items = [i for i in corpus.noise_items if not any(a in i["name"] for a in AMBIGUOUS_NOISE)]
-    mixers = {v: Mixer(part(corpus, v), seconds, music=MUSIC_SHARE) for v in (False, True)}
+    mixers = {v: Mixer(part(corpus, v), seconds, music=music_share) for v in (False, True)}
     _state = mixers, load_rings(ring_folder, RATE), seed
 
 
@@ -240,8 +240,8 @@ def _example(key):
 
 
 class Data:
-    def __init__(self, workers, corpus_folder, ring_folder, seconds, seed):
-        self.pool = Pool(workers, _init, (corpus_folder, ring_folder, seconds, seed))
+    def __init__(self, workers, corpus_folder, ring_folder, seconds, seed, music_share):
+        self.pool = Pool(workers, _init, (corpus_folder, ring_folder, seconds, seed, music_share))
 
     def examples(self, keys):
         return self.pool.map(_example, keys)
@@ -267,14 +267,15 @@ class RingtoneNetwork(torch.nn.Module):
     """The 0.0.6 network form: one layer-normalised input layer, a GRU, one layer-normalised
     hidden layer and a logistic output (docs/design.md)."""
 
-    def __init__(self):
+    def __init__(self, widths=WIDTHS):
         super().__init__()
-        self.inp = torch.nn.Linear(rt.FEATURES, INPUT_WIDTH)
-        self.inp_norm = torch.nn.LayerNorm(INPUT_WIDTH, eps=rt.NORM_EPSILON)
-        self.gru = torch.nn.GRU(INPUT_WIDTH, STATE_WIDTH, batch_first=True)
-        self.hid = torch.nn.Linear(STATE_WIDTH, OUTPUT_WIDTH)
-        self.hid_norm = torch.nn.LayerNorm(OUTPUT_WIDTH, eps=rt.NORM_EPSILON)
-        self.out = torch.nn.Linear(OUTPUT_WIDTH, 1)
+        inp, state, hid = widths
+        self.inp = torch.nn.Linear(rt.FEATURES, inp)
+        self.inp_norm = torch.nn.LayerNorm(inp, eps=rt.NORM_EPSILON)
+        self.gru = torch.nn.GRU(inp, state, batch_first=True)
+        self.hid = torch.nn.Linear(state, hid)
+        self.hid_norm = torch.nn.LayerNorm(hid, eps=rt.NORM_EPSILON)
+        self.out = torch.nn.Linear(hid, 1)
 
     def forward(self, x, state=None):
         x = torch.tanh(self.inp_norm(self.inp(x)))
@@ -326,6 +327,9 @@ def parse_args(argv):
     p.add_argument("--seconds", type=float, default=8.0)
     p.add_argument("--chunk", type=float, default=4.0, help="seconds per truncated-BPTT step")
     p.add_argument("--lr", type=float, default=3e-3)
+    p.add_argument("--widths", default=",".join(map(str, WIDTHS)),
+                   help="input layer, GRU and hidden output layer widths")
+    p.add_argument("--music-share", type=float, default=MUSIC_SHARE, help="share of noise draws that are music")
     p.add_argument("--seed", type=int, default=20261124)
     p.add_argument("--validation", type=int, default=256)
     p.add_argument("--normalisation", type=int, default=128)
@@ -337,6 +341,7 @@ def parse_args(argv):
     args = p.parse_args(argv)
     args.cache_dir = args.cache_dir or os.path.join(args.state_dir, "cache")
     args.extra_data = extra_data_dir(args.extra_data)
+    args.widths = tuple(int(w) for w in args.widths.split(","))
     return args
 
 
@@ -349,8 +354,9 @@ def main(argv=None):
     checkpoint_path = state_dir / "checkpoint.pt"
     corpus_folder = Corpus.load_or_build(args.data, "train", RATE, args.cache_dir, args.workers,
                                          args.extra_data).folder
-    data = Data(args.workers, corpus_folder, os.path.join(args.rings, "train", "ring"), args.seconds, args.seed)
-    model = RingtoneNetwork()
+    data = Data(args.workers, corpus_folder, os.path.join(args.rings, "train", "ring"), args.seconds, args.seed,
+                args.music_share)
+    model = RingtoneNetwork(args.widths)
     optimizer = torch.optim.Adam(model.parameters(), lr=args.lr)
     try:
         if checkpoint_path.exists():
