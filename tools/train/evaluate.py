@@ -86,7 +86,7 @@ class Bench:
         """Share of the speech energy above HIGH_BAND_HZ that the cleaner's masks let through."""
         front = nc.FrontEnd(self.model)
         feats = front.signal_features(noisy)
-        network = nc.Network(self.model)
+        network = self.model.new_network()
         masks = np.zeros((len(feats.inputs), self.model.bands.bins), np.float32)
         for j, (inputs, analysed) in enumerate(zip(feats.inputs, feats.analysed)):
             if analysed:
@@ -104,7 +104,7 @@ class Bench:
     def state_peak(self, stream):
         """Largest |recurrent state| over a long stream: the hidden layers do not squash, so a
         model whose recurrence were unstable would show it here long before it clips."""
-        network = nc.Network(self.model)
+        network = self.model.new_network()
         feats = nc.FrontEnd(self.model).signal_features(stream)
         peak = 0.0
         for inputs in feats.inputs[feats.analysed]:
@@ -173,7 +173,8 @@ def with_controls(records, settings):
         x, _, value = setting.partition("=")
         values[x] = (net.sw.STRING, value) if value in ("t", "f") else (net.sw.FLOAT, float(value))
     records = dict(records)
-    for name, record in net.control_records(values, 0).items():
+    keys = net.reference_model(records).KEYS
+    for name, record in net.control_records(values, 0, keys).items():
         if "COMPRESS_RATE" not in name:
             records[name] = record
     return records
@@ -185,7 +186,7 @@ def tune_threshold(bench, records):
     for threshold in THRESHOLDS:
         controls = (["ENABLE_RM_THRESHOLD=f"] if threshold == 0
                     else ["ENABLE_RM_THRESHOLD=t", "RM_THRESHOLD=%g" % threshold])
-        bench.model = nc.Model(with_controls(records, controls))
+        bench.model = net.reference_model(with_controls(records, controls))
         rows = bench.run()
         gains = improvements(rows)
         noise = float(np.mean(rows["noise"]))
@@ -226,7 +227,7 @@ def main(argv=None):
     else:
         geometry, network, mu, sd = load_checkpoint(args.checkpoint)
         records = net.model_records(geometry, network, mu, sd, "checkpoint", timestamp="checkpoint")
-    model = nc.Model(with_controls(records, args.control))
+    model = net.reference_model(with_controls(records, args.control))
     extra = extra_data_dir(args.extra_data)
     corpus = Corpus.load_or_build(args.data, args.split, model.rate, args.cache_dir, extra_dir=extra)
     if args.noise_split and args.noise_split != args.split:

@@ -37,7 +37,7 @@ def write_model(path, geometry, model, mu, sd, name, timestamp=None, key=None):
     read_back = sw.read_file(path, key)
     if sw.WeightWriter(read_back).to_stream() != writer.to_stream():
         raise ValueError("%s did not read back unchanged" % path)
-    return net.reference_model(geometry, read_back)
+    return net.reference_model(read_back)
 
 
 def main(argv=None):

@@ -337,9 +337,9 @@ def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None
     return records
 
 
-def reference_model(geometry, records):
-    """The reference cleaner's model of the geometry's generation, from a file's records."""
-    return (nc6.Model if geometry.generation == nc6.VERSION else nc.Model)(records)
+def reference_model(records):
+    """The reference cleaner's model of the generation the records name ("Version")."""
+    return (nc6.Model if records["Version"].value == nc6.VERSION else nc.Model)(records)
 
 
 def load_records(network, records):
