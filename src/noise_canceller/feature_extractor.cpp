@@ -21,13 +21,13 @@ void require(bool condition, const std::string& what) {
 
 }  // namespace
 
-FrontEndParams FrontEndParams::read(const WEIGHTS::Weight& weight) {
+FrontEndParams FrontEndParams::read(const WEIGHTS::Weight& weight, const FilterRecords& filter) {
     FrontEndParams p;
     p.sampleRate = weight.get<unsigned>("SampleRate");
     p.step = weight.get<unsigned>("Step");
     p.frameLength = weight.get<unsigned>("FrameLength");
-    p.filtrBegin = weight.get<unsigned>("FiltrBegin");
-    p.filtrEnd = weight.get<unsigned>("FiltrEnd");
+    p.filtrBegin = weight.get<unsigned>(filter.begin);
+    const unsigned end = weight.get<unsigned>(filter.end);
     p.previewFrames = weight.get<unsigned>("PreviewFrames");
     p.coefficientNumber = weight.get<unsigned>("CoefficientNumber");
     p.freezeLowEnThr = weight.get<float>("FreezeLowEnThr");
@@ -41,8 +41,12 @@ FrontEndParams FrontEndParams::read(const WEIGHTS::Weight& weight) {
             "FrameLength must be twice Step");
     // Every buffer of a session is sized from FrameLength; 8192 is 85 ms at the highest rate.
     require(p.frameLength <= kMaxFrameLength, "FrameLength above " + std::to_string(kMaxFrameLength));
+    // Kept as the last bin used, whichever way the file counts it.
+    require(!filter.endIsPastLast || end > p.filtrBegin,
+            std::string(filter.end) + " must lie above " + filter.begin + " (one past the last bin)");
+    p.filtrEnd = filter.endIsPastLast ? end - 1 : end;
     require(p.filtrBegin <= p.filtrEnd && p.filtrEnd <= p.frameLength / 2,
-            "FiltrBegin..FiltrEnd must lie within the spectrum");
+            std::string(filter.begin) + ".." + filter.end + " must lie within the spectrum");
     require(!p.mu.empty() && !p.sd.empty(), "MU and SD must not be empty");
     // Features are divided by SD and the log floor keeps empty bands finite.
     require(std::none_of(p.sd.begin(), p.sd.end(), [](float v) { return v == 0.0f; }), "SD holds a zero");

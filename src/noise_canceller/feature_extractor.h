@@ -31,8 +31,16 @@ struct FrontEndParams {
     std::vector<float> sd;
     float logEpsilon = 0.0f;
 
+    // Names of the filter range's records: "FiltrBegin" and "FiltrEnd", the last bin, through
+    // v0.0.6; "FilterBegin" and "FilterEnd", one past the last bin, from 0.0.7 on.
+    struct FilterRecords {
+        const char* begin = "FiltrBegin";
+        const char* end = "FiltrEnd";
+        bool endIsPastLast = false;
+    };
+
     // Throws SonelException for a missing record or an inconsistent geometry.
-    static FrontEndParams read(const WEIGHTS::Weight& weight);
+    static FrontEndParams read(const WEIGHTS::Weight& weight, const FilterRecords& filter);
 };
 
 class FeatureExtractor {

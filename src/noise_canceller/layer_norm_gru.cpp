@@ -8,7 +8,7 @@
 namespace SONEL::NOISE_CANCELLER {
 
 using CONTAINERS::Matrix;
-using UTIL_FUNCTIONS::matMulPlusB;
+using UTIL_FUNCTIONS::groupedMatMulPlusB;
 
 namespace {
 
@@ -28,12 +28,22 @@ std::string shape(const Matrix& m) { return std::to_string(m.rows) + " x " + std
 
 using Vectors = std::vector<std::vector<float>>;
 
+// Groups of a `rows` x `columns` matrix over `in` inputs: one when it reads them all; with groups
+// allowed, in / columns when that splits the inputs and the rows evenly; 0 when it fits neither.
+size_t groupsOf(size_t rows, size_t columns, size_t in, bool grouped) {
+    if (columns == in) return 1;
+    if (!grouped || columns == 0 || in % columns != 0) return 0;
+    const size_t groups = in / columns;
+    return rows % groups == 0 ? groups : 0;
+}
+
 // Checks the lists of one stack of layers against each other and chains them from `in` values;
-// returns the width of the last layer. `normed` layers (all but a logistic last one) need a gain
-// and a norm bias as wide as they are.
+// returns the width of the last layer and leaves each layer's group count in `groups`. `normed`
+// layers (all but a logistic last one) need a gain and a norm bias as wide as they are.
 size_t chainLayers(const std::vector<Matrix>& weights, const Vectors& biases, const Vectors& gains,
-                   const Vectors& normBiases, size_t normed, size_t in, const std::string& weightKey,
-                   const std::string& biasKey, const std::string& gainKey, const std::string& normBiasKey) {
+                   const Vectors& normBiases, size_t normed, size_t in, bool grouped, std::vector<size_t>& groups,
+                   const std::string& weightKey, const std::string& biasKey, const std::string& gainKey,
+                   const std::string& normBiasKey) {
     require(!weights.empty(), weightKey + " needs at least one layer");
     require(biases.size() == weights.size(), biasKey + " needs " + std::to_string(weights.size()) +
                                                  " entries (one per layer of " + weightKey + "), not " +
@@ -41,16 +51,21 @@ size_t chainLayers(const std::vector<Matrix>& weights, const Vectors& biases, co
     require(gains.size() == normed && normBiases.size() == normed,
             gainKey + " and " + normBiasKey + " need " + std::to_string(normed) + " entries each, not " +
                 std::to_string(gains.size()) + " and " + std::to_string(normBiases.size()));
+    groups.clear();
     for (size_t k = 0; k < weights.size(); ++k) {
         const Matrix& w = weights[k];
-        require(w.rows >= 1 && w.columns == in,
-                entry(weightKey, k) + " is " + shape(w) + ", not (at least 1) x " + std::to_string(in));
+        const size_t g = w.rows >= 1 ? groupsOf(w.rows, w.columns, in, grouped) : 0;
+        require(g >= 1, entry(weightKey, k) + " is " + shape(w) + ", not (at least 1) x " + std::to_string(in) +
+                            (grouped ? " or a number of rows that its groups of the " + std::to_string(in) +
+                                           " inputs split evenly"
+                                     : ""));
         require(biases[k].size() == w.rows, entry(biasKey, k) + " needs " + std::to_string(w.rows) + " values, not " +
                                                 std::to_string(biases[k].size()));
         if (k < normed)
             require(gains[k].size() == w.rows && normBiases[k].size() == w.rows,
                     entry(gainKey, k) + " and " + entry(normBiasKey, k) + " need " + std::to_string(w.rows) +
                         " values each");
+        groups.push_back(g);
         in = w.rows;
     }
     return in;
@@ -85,60 +100,77 @@ LayerNormGru::LayerNormGru(const WEIGHTS::ModelPair& model, size_t featureCount,
         require(deviation_[i] > 0.0f,
                 entry(keys.deviation, i) + " is " + std::to_string(deviation_[i]) + "; a deviation must be above 0");
 
+    std::vector<size_t> inGroups, outGroups;
     const size_t in = chainLayers(inWeights, inBiases, inGains, inNormBiases, inWeights.size(), featureCount,
-                                  keys.inputWeights, keys.inputBiases, keys.inputGains, keys.inputNormBiases);
+                                  keys.grouped, inGroups, keys.inputWeights, keys.inputBiases, keys.inputGains,
+                                  keys.inputNormBiases);
+    // Grouped, each of the G groups of the state reads its own H / G state values and every G-th of
+    // the I inputs: both records then have I / G + H / G columns.
     const size_t hidden = resetWeight.rows;
-    require(hidden >= 1 && resetWeight.columns == in + hidden,
-            keys.resetWeight + " is " + shape(resetWeight) + ", not H x (" + std::to_string(in) +
-                " + H) with H at least 1 (" + std::to_string(in) + " from the last input layer)");
+    const size_t groups = hidden >= 1 && resetWeight.columns >= 1 && (in + hidden) % resetWeight.columns == 0
+                              ? (in + hidden) / resetWeight.columns
+                              : 0;
+    const bool gruFits = groups == 1 || (keys.grouped && groups > 1 && in % groups == 0 && hidden % groups == 0);
+    require(gruFits, keys.resetWeight + " is " + shape(resetWeight) + ", not H x (" + std::to_string(in) + " + H)" +
+                         (keys.grouped ? " or H x (" + std::to_string(in) + " + H) / G for G groups that split both" : "") +
+                         " with H at least 1 (" + std::to_string(in) + " from the last input layer)");
     require(resetBias.size() == hidden,
             keys.resetBias + " needs " + std::to_string(hidden) + " values, not " + std::to_string(resetBias.size()));
-    require(gruWeight.rows == 2 * hidden && gruWeight.columns == in + hidden,
+    const size_t groupIn = in / groups, groupState = hidden / groups;
+    require(gruWeight.rows == 2 * hidden && gruWeight.columns == groupIn + groupState,
             keys.gruWeight + " is " + shape(gruWeight) + ", not " + std::to_string(2 * hidden) + " x " +
-                std::to_string(in + hidden) + " (update and candidate rows over input and state)");
+                std::to_string(groupIn + groupState) + " (update and candidate rows over input and state" +
+                (groups > 1 ? ", " + std::to_string(groups) + " groups)" : ")"));
     require(gruBias.size() == 3 * hidden,
             keys.gruBias + " needs " + std::to_string(3 * hidden) + " values, not " + std::to_string(gruBias.size()));
     chainLayers(outWeights, outBiases, outGains, outNormBiases, outWeights.size() - (outWeights.empty() ? 0 : 1),
-                hidden, keys.outputWeights, keys.outputBiases, keys.outputGains, keys.outputNormBiases);
+                hidden, keys.grouped, outGroups, keys.outputWeights, keys.outputBiases, keys.outputGains,
+                keys.outputNormBiases);
 
+    size_t widest = in;
     for (size_t k = 0; k < inWeights.size(); ++k) {
-        inputLayers_.push_back({&inWeights[k], &inBiases[k], &inGains[k], &inNormBiases[k]});
+        inputLayers_.push_back({&inWeights[k], &inBiases[k], &inGains[k], &inNormBiases[k], inGroups[k]});
         inputs_.emplace_back(inWeights[k].rows);
+        widest = std::max<size_t>(widest, inWeights[k].columns * inGroups[k]);
     }
     for (size_t k = 0; k < outWeights.size(); ++k) {
         const bool last = k + 1 == outWeights.size();
-        outputLayers_.push_back(
-            {&outWeights[k], &outBiases[k], last ? nullptr : &outGains[k], last ? nullptr : &outNormBiases[k]});
+        outputLayers_.push_back({&outWeights[k], &outBiases[k], last ? nullptr : &outGains[k],
+                                 last ? nullptr : &outNormBiases[k], outGroups[k]});
         outputs_.emplace_back(outWeights[k].rows);
+        widest = std::max<size_t>(widest, outWeights[k].columns * outGroups[k]);
     }
 
-    // WeightGRU's rows 0 … H − 1 are the update gate, H … 2H − 1 the candidate; its columns
-    // 0 … I − 1 read the input and the rest the state. BiasGRU: update, candidate input,
-    // candidate state.
-    fromInputWeight_ = Matrix(static_cast<unsigned>(3 * hidden), static_cast<unsigned>(in));
-    fromStateWeight_ = Matrix(static_cast<unsigned>(3 * hidden), static_cast<unsigned>(hidden));
+    // WeightGRU's rows 0 … H − 1 are the update gate, H … 2H − 1 the candidate; in each row the
+    // first I / G columns read the input, the rest the state. BiasGRU: update, candidate input,
+    // candidate state. Unit i belongs to group i / (H / G); its group's rows are kept together.
+    gruGroups_ = groups;
+    fromInputWeight_ = Matrix(static_cast<unsigned>(3 * hidden), static_cast<unsigned>(groupIn));
+    fromStateWeight_ = Matrix(static_cast<unsigned>(3 * hidden), static_cast<unsigned>(groupState));
     auto split = [&](const Matrix& source, size_t sourceRow, size_t row) {
-        for (size_t c = 0; c < in; ++c)
+        for (size_t c = 0; c < groupIn; ++c)
             fromInputWeight_.at(static_cast<unsigned>(row), static_cast<unsigned>(c)) =
                 source.at(static_cast<unsigned>(sourceRow), static_cast<unsigned>(c));
-        for (size_t c = 0; c < hidden; ++c)
+        for (size_t c = 0; c < groupState; ++c)
             fromStateWeight_.at(static_cast<unsigned>(row), static_cast<unsigned>(c)) =
-                source.at(static_cast<unsigned>(sourceRow), static_cast<unsigned>(in + c));
+                source.at(static_cast<unsigned>(sourceRow), static_cast<unsigned>(groupIn + c));
     };
     fromInputBias_.assign(3 * hidden, 0.0f);
     fromStateBias_.assign(3 * hidden, 0.0f);
     for (size_t i = 0; i < hidden; ++i) {
-        split(gruWeight, i, i);                        // update
-        split(resetWeight, i, hidden + i);             // reset
-        split(gruWeight, hidden + i, 2 * hidden + i);  // candidate
-        fromInputBias_[i] = gruBias[i];
-        fromInputBias_[hidden + i] = resetBias[i];
-        fromInputBias_[2 * hidden + i] = gruBias[hidden + i];
-        fromStateBias_[2 * hidden + i] = gruBias[2 * hidden + i];
+        const size_t base = 3 * (i - i % groupState) + i % groupState;
+        split(gruWeight, i, base);                                // update
+        split(resetWeight, i, base + groupState);                 // reset
+        split(gruWeight, hidden + i, base + 2 * groupState);      // candidate
+        fromInputBias_[base] = gruBias[i];
+        fromInputBias_[base + groupState] = resetBias[i];
+        fromInputBias_[base + 2 * groupState] = gruBias[hidden + i];
+        fromStateBias_[base + 2 * groupState] = gruBias[2 * hidden + i];
     }
 
     state_.assign(hidden, 0.0f);
     normalised_.assign(featureCount, 0.0f);
+    byGroup_.assign(widest, 0.0f);
     fromInput_.assign(3 * hidden, 0.0f);
     fromState_.assign(3 * hidden, 0.0f);
 }
@@ -163,33 +195,47 @@ void LayerNormGru::normaliseAndSquash(std::vector<float>& v, const std::vector<f
         v[i] = std::tanh(static_cast<float>((v[i] - mean) / root * gain[i] + normBias[i]));
 }
 
+const float* LayerNormGru::readByGroup(const float* x, size_t n, size_t groups, std::vector<float>& scratch) {
+    if (groups == 1) return x;
+    const size_t each = n / groups;
+    for (size_t g = 0; g < groups; ++g)
+        for (size_t j = 0; j < each; ++j) scratch[g * each + j] = x[j * groups + g];
+    return scratch.data();
+}
+
 void LayerNormGru::calcRMForwardProp_GRU_Layernorm(const float* features, float* out) {
     for (size_t i = 0; i < normalised_.size(); ++i) normalised_[i] = (features[i] - mean_[i]) / deviation_[i];
 
     const std::vector<float>* x = &normalised_;
     for (size_t k = 0; k < inputLayers_.size(); ++k) {
         const Layer& layer = inputLayers_[k];
-        matMulPlusB(*layer.weight, *x, *layer.bias, inputs_[k]);
+        groupedMatMulPlusB(*layer.weight, readByGroup(x->data(), x->size(), layer.groups, byGroup_), layer.groups,
+                           *layer.bias, inputs_[k]);
         normaliseAndSquash(inputs_[k], *layer.gain, *layer.normBias);
         x = &inputs_[k];
     }
 
     // z = σ(W_z [u; h] + b_z), r = σ(W_r [u; h] + b_r), c = tanh(W_cu u + b_cu + r ⊙ (W_ch h + b_ch)),
-    // h ← z ⊙ h + (1 − z) ⊙ c. Both products read the state before this step changes it.
-    matMulPlusB(fromInputWeight_, *x, fromInputBias_, fromInput_);
-    matMulPlusB(fromStateWeight_, state_, fromStateBias_, fromState_);
-    const size_t hidden = state_.size();
+    // h ← z ⊙ h + (1 − z) ⊙ c. Both products read the state before this step changes it; each
+    // group reads its own contiguous part of the state.
+    const size_t groups = gruGroups_;
+    groupedMatMulPlusB(fromInputWeight_, readByGroup(x->data(), x->size(), groups, byGroup_), groups, fromInputBias_,
+                       fromInput_);
+    groupedMatMulPlusB(fromStateWeight_, state_.data(), groups, fromStateBias_, fromState_);
+    const size_t hidden = state_.size(), groupState = hidden / groups;
     for (size_t i = 0; i < hidden; ++i) {
-        const float z = sigmoid_(fromInput_[i] + fromState_[i]);
-        const float r = sigmoid_(fromInput_[hidden + i] + fromState_[hidden + i]);
-        const float c = std::tanh(fromInput_[2 * hidden + i] + r * fromState_[2 * hidden + i]);
+        const size_t base = 3 * (i - i % groupState) + i % groupState;
+        const float z = sigmoid_(fromInput_[base] + fromState_[base]);
+        const float r = sigmoid_(fromInput_[base + groupState] + fromState_[base + groupState]);
+        const float c = std::tanh(fromInput_[base + 2 * groupState] + r * fromState_[base + 2 * groupState]);
         state_[i] = z * state_[i] + (1.0f - z) * c;
     }
 
     x = &state_;
     for (size_t k = 0; k < outputLayers_.size(); ++k) {
         const Layer& layer = outputLayers_[k];
-        matMulPlusB(*layer.weight, *x, *layer.bias, outputs_[k]);
+        groupedMatMulPlusB(*layer.weight, readByGroup(x->data(), x->size(), layer.groups, byGroup_), layer.groups,
+                           *layer.bias, outputs_[k]);
         if (layer.gain)
             normaliseAndSquash(outputs_[k], *layer.gain, *layer.normBias);
         else

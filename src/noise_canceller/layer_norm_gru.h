@@ -2,9 +2,9 @@
 // The network of generation 0.0.6 models: the features normalised by MU and SD, input layers that
 // each apply a layer-normalised affine map and tanh, a GRU with update, reset and candidate gates,
 // and output layers, layer-normalised and tanh but for the last, which is logistic. The ringtone
-// detector runs it; cleaners of the same generation are to run it under their own record names,
-// which is why the names are a parameter. docs/design.md ("Layer-normalised GRU network") gives
-// the records and the step.
+// detector and the v0.0.6 cleaner run it; the v0.0.7 cleaner runs it with grouped (block-diagonal)
+// matrices, the separable-dense form. docs/design.md ("Layer-normalised GRU network", "Noise
+// cleaner v0.0.7") gives the records and the step.
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -34,6 +34,9 @@ public:
         std::string outputBiases = "BiasNonLinear";
         std::string outputGains = "GainNonLinearNorm";
         std::string outputNormBiases = "BiasNonLinearNorm";
+        // Separable dense (0.0.7): a matrix with fewer columns than its layer has inputs splits
+        // them into groups. Off, every matrix must read all of its inputs.
+        bool grouped = false;
     };
 
     // Reads the network for `featureCount` features and checks every shape against the others;
@@ -46,6 +49,10 @@ public:
     // One step: featureCount() raw features in, outputCount() values in (0, 1) out. Advances the
     // recurrent state; allocates nothing.
     void calcRMForwardProp_GRU_Layernorm(const float* features, float* out);
+    // The same step, named for the separable-dense form it runs when the keys allow groups.
+    void calcRMForwardPropGRUSepdense(const float* features, float* out) {
+        calcRMForwardProp_GRU_Layernorm(features, out);
+    }
     // Back to the state of a new stream (zero).
     void resetState();
 
@@ -59,7 +66,12 @@ private:
         const std::vector<float>* bias;
         const std::vector<float>* gain;      // null for the logistic output layer
         const std::vector<float>* normBias;  // null for the logistic output layer
+        size_t groups;
     };
+
+    // x (n values) as a grouped product reads it: group g takes x[g], x[g + G], x[g + 2G], …, so
+    // each group of a layer sees every group of the layer before. One group reads x as it is.
+    static const float* readByGroup(const float* x, size_t n, size_t groups, std::vector<float>& scratch);
 
     // v ← tanh(LN(v) ⊙ gain + normBias), mean and variance over v itself.
     static void normaliseAndSquash(std::vector<float>& v, const std::vector<float>& gain,
@@ -72,18 +84,20 @@ private:
     std::vector<Layer> inputLayers_;
     std::vector<Layer> outputLayers_;
 
-    // The GRU regrouped by what each part reads: [update; reset; candidate] rows over the input,
-    // and the same rows over the state. Only the candidate's state part is scaled by the reset
-    // gate, so the two halves are kept apart.
-    CONTAINERS::Matrix fromInputWeight_;  // 3H × I
+    // The GRU regrouped by what each part reads: per group, [update; reset; candidate] rows over
+    // the group's input, and the same rows over its own part of the state. Only the candidate's
+    // state part is scaled by the reset gate, so the two halves are kept apart.
+    size_t gruGroups_ = 1;
+    CONTAINERS::Matrix fromInputWeight_;  // 3H × I / G
     std::vector<float> fromInputBias_;    // update, reset, candidate input biases
-    CONTAINERS::Matrix fromStateWeight_;  // 3H × H
+    CONTAINERS::Matrix fromStateWeight_;  // 3H × H / G
     std::vector<float> fromStateBias_;    // 0, 0, candidate state bias
 
     UTILS::SigmoidOperator sigmoid_;
     std::vector<float> state_;
     // Per-step scratch, sized at construction.
     std::vector<float> normalised_;
+    std::vector<float> byGroup_;              // a grouped product's input, read by group
     std::vector<std::vector<float>> inputs_;  // one per input layer
     std::vector<float> fromInput_;
     std::vector<float> fromState_;

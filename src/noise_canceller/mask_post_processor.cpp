@@ -18,10 +18,21 @@ constexpr size_t kLoudCountLimit = 100;
 constexpr size_t kRecentBlocks = 10;
 constexpr size_t kLoudBlocks = 100;
 
+// Each step of the compress rate halves the bins kept one to one; past 16 no geometry keeps any.
+uint64_t readCompressRate(const WEIGHTS::ModelPair& model, const ParameterKeys& keys) {
+    return lookupParameter(
+        model, keys.compressKey, MaskParams().compressRate, [](uint64_t v) { return v <= 16; },
+        "WARNING OF COMPRESS_RATE VALUE. IT MUST BE IN INTERVAL [0,16] \\n DEFAULT VALUE 2");
+}
+
 }  // namespace
 
 MaskParams MaskParams::read(const WEIGHTS::ModelPair& model, const ParameterKeys& keys) {
     MaskParams p;
+    if (!keys.tunable) {
+        p.compressRate = readCompressRate(model, keys);
+        return p;
+    }
     p.smoothCoef = lookupParameter(
         model, keys.key("SMOOT_COEF"), p.smoothCoef, [](float v) { return v > 0.0f && v <= 1.0f; },
         "WARNING OF SMOOTH COEF NUMBER VALUE. IT MUST BE iIN INTERVALK (0,1] \\n DEFAULT VALUE 1.f");
@@ -47,10 +58,7 @@ MaskParams MaskParams::read(const WEIGHTS::ModelPair& model, const ParameterKeys
         model, keys.key("RESCALE_REF_AMPL"), p.rescaleRefAmpl,
         [](float v) { return v > 0.0f && v <= 32768.0f; },
         "WARNING OF RESCALE_REF_AMPL VALUE. IT MUST BE IN INTERVAL (0,32768] \\n DEFAULT VALUE 2000");
-    // Each step of the compress rate halves the bins kept one to one; past 16 no geometry keeps any.
-    p.compressRate = lookupParameter(
-        model, keys.compressKey, p.compressRate, [](uint64_t v) { return v <= 16; },
-        "WARNING OF COMPRESS_RATE VALUE. IT MUST BE IN INTERVAL [0,16] \\n DEFAULT VALUE 2");
+    p.compressRate = readCompressRate(model, keys);
     p.volumeUp = lookupParameter(model, keys.key("VOLUME_UP"), p.volumeUp);
     // An out-of-range percentage means no increase.
     const float percent = lookupParameter(model, keys.key("VOLUME_UP_PERCENT"), 0.0f);

@@ -17,6 +17,9 @@ struct ParameterKeys {
     std::string prefix;       // "SONEL_" or "VELTA_"
     std::string tag;          // "_v0_0_5"
     std::string compressKey;  // "VELTA_COMPRESS_RATE_v0_0_5"
+    // Without tunable keys only the compress rate is read and every other parameter keeps its
+    // default (v0.0.7).
+    bool tunable = true;
     std::string key(const char* name) const { return prefix + name + tag; }
 };
 

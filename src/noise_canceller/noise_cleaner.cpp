@@ -7,6 +7,7 @@
 
 #include "noise_canceller/noise_cleaner_v0_0_5.h"
 #include "noise_canceller/noise_cleaner_v0_0_6.h"
+#include "noise_canceller/noise_cleaner_v0_0_7.h"
 #include "noise_canceller/noise_db_cleaner_v0_0_1.h"
 #include "noise_canceller/ringtone_cleaner_v0_0_1.h"
 #include "noise_canceller/vad_cleaner_v0_0_1.h"
@@ -242,11 +243,17 @@ std::shared_ptr<NoiseCleaner> NoiseCleaner::create(SonelAudioSamplingRate rate,
     const unsigned modelRate = WEIGHTS::getWeightInfo(*chosen->first).first;
     const bool cleaning =
         sessionType == SONEL_AUDIO_SESSION_NC || sessionType == SONEL_AUDIO_SESSION_NC_WITH_STATS;
-    // A "0.0.6" file is a cleaner unless it carries the ringtone detector's version record.
+    // A "0.0.6" file is a cleaner unless it carries the ringtone detector's version record; a
+    // "0.0.7" file with a non-empty "VadVersion" carries its own voice detector and is left to
+    // the gated cleaner.
     const bool cleaner06 = version == "0.0.6" && kindOf(*chosen->first) == ModelKind::Cleaner;
-    if (cleaning && (version == "0.0.5" || cleaner06)) {
+    const std::string* vadVersion = chosen->first->find<std::string>("VadVersion");
+    const bool cleaner07 = version == "0.0.7" && (!vadVersion || vadVersion->empty());
+    if (cleaning && (cleaner07 || cleaner06 || version == "0.0.5")) {
         std::shared_ptr<NoiseCleaner> cleaner;
-        if (cleaner06)
+        if (cleaner07)
+            cleaner = std::make_shared<NoiseCleaner_v0_0_7>(chosen, modelRate);
+        else if (cleaner06)
             cleaner = std::make_shared<NoiseCleaner_v0_0_6>(chosen, modelRate);
         else
             cleaner = std::make_shared<NoiseCleaner_v0_0_5>(chosen, modelRate);

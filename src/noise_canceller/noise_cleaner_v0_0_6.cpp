@@ -1,9 +1,5 @@
 #include "noise_canceller/noise_cleaner_v0_0_6.h"
 
-#include <string>
-
-#include "utils/sonel_exception.h"
-
 namespace SONEL::NOISE_CANCELLER {
 
 namespace {
@@ -17,11 +13,7 @@ const ParameterKeys kKeys{"VELTA_", "_v0_0_6", "VELTA_COMPRESS_RATE_v0_0_6"};
 NoiseCleaner_v0_0_6::NoiseCleaner_v0_0_6(WEIGHTS::ModelPtr modelPair, unsigned sampleRate)
     : SpectralCleaner(modelPair, sampleRate, kKeys, FeatureScaling::Network),
       network_(*modelPair, inputLength()) {
-    if (network_.outputCount() != bandCount())
-        throw UTILS::SonelException("ERROR network shape: the last layer of WeightNonLinear has " +
-                                        std::to_string(network_.outputCount()) + " rows, not one per band (" +
-                                        std::to_string(bandCount()) + ")",
-                                    "src/noise_canceller/noise_cleaner_v0_0_6", __LINE__, "NoiseCleaner_v0_0_6");
+    requireOneGainPerBand(network_.outputCount(), "src/noise_canceller/noise_cleaner_v0_0_6", "NoiseCleaner_v0_0_6");
 }
 
 void NoiseCleaner_v0_0_6::computeBandGains(const std::vector<float>& networkInput, std::vector<float>& bandGains) {

@@ -21,7 +21,7 @@ double dbfs(double meanSquare) {
 NoiseDBCleaner_v0_0_1::NoiseDBCleaner_v0_0_1(WEIGHTS::ModelPtr modelPair, unsigned sampleRate)
     : NoiseCleaner(modelPair, sampleRate),
       cleaner_(modelPair, sampleRate),
-      hop_(FrontEndParams::read(*modelPair->first).step),
+      hop_(FrontEndParams::read(*modelPair->first, {}).step),
       delay_(cleaner_.delaySamples()),
       stepPerHop_(1.0 - std::exp(-static_cast<double>(hop_) / sampleRate / kTimeConstantS)),
       input_(hop_),

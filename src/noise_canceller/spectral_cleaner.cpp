@@ -7,6 +7,7 @@
 
 #include "utils/energy_level.h"
 #include "utils/fft.h"
+#include "utils/sonel_exception.h"
 #include "utils/windows.h"
 
 namespace SONEL::NOISE_CANCELLER {
@@ -32,9 +33,10 @@ double sumOfSquares(const std::vector<float>& v) {
 }  // namespace
 
 SpectralCleaner::SpectralCleaner(WEIGHTS::ModelPtr modelPair, unsigned sampleRate,
-                                 const ParameterKeys& keys, FeatureScaling scaling)
+                                 const ParameterKeys& keys, FeatureScaling scaling,
+                                 const FrontEndParams::FilterRecords& filter)
     : NoiseCleaner(modelPair, sampleRate),
-      frontEnd_(FrontEndParams::read(*modelPair->first)),
+      frontEnd_(FrontEndParams::read(*modelPair->first, filter)),
       maskParams_(MaskParams::read(*modelPair, keys)),
       window_(vorbisWindow(frontEnd_.frameLength)),
       windowEnergy_(sumOfSquares(window_)),
@@ -62,6 +64,14 @@ void SpectralCleaner::primeBuffers() {
     output_.reset();
     input_.push_backNULL(frontEnd_.step);
     output_.push_backNULL(frontEnd_.step);
+}
+
+void SpectralCleaner::requireOneGainPerBand(size_t gains, const char* file, const char* function) const {
+    if (gains != bandCount())
+        throw UTILS::SonelException("ERROR network shape: the last layer of WeightNonLinear has " +
+                                        std::to_string(gains) + " rows, not one per band (" +
+                                        std::to_string(bandCount()) + ")",
+                                    file, __LINE__, function);
 }
 
 bool SpectralCleaner::acceptsFrame(size_t samples) const {

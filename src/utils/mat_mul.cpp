@@ -41,6 +41,17 @@ void matMulPlusB(const Matrix& W, const float* x, size_t /*n*/, const std::vecto
     gemvPlus(W, x, y);
 }
 
+void groupedMatMulPlusB(const Matrix& W, const float* x, size_t groups, const std::vector<float>& b,
+                        std::vector<float>& y) {
+    y.assign(b.begin(), b.end());
+    if (y.empty() || W.columns == 0 || groups == 0) return;
+    const size_t rows = y.size() / groups;
+    for (size_t g = 0; g < groups; ++g)
+        cblas_sgemv(CblasRowMajor, CblasNoTrans, static_cast<int>(rows), static_cast<int>(W.columns), 1.0f,
+                    W.data.data() + g * rows * W.columns, static_cast<int>(W.columns), x + g * W.columns, 1, 1.0f,
+                    y.data() + g * rows, 1);
+}
+
 void matMulPlusB(const std::vector<float>& x, const Matrix& W, const Matrix& b,
                  std::vector<float>& y) {
     matMulPlusB(x.data(), x.size(), W, b.data, y);

@@ -29,6 +29,12 @@ void matMulPlusB(const std::vector<float>& x, const Matrix& W, const std::vector
 void matMulPlusB(const float* x, size_t n, const Matrix& W, const std::vector<float>& b,
                  std::vector<float>& y);
 
+// Grouped (block-diagonal) layer: W holds `groups` blocks of W.rows / groups rows stacked, and
+// block g reads x[g·W.columns …] (x holds groups × W.columns values) and writes its rows of y.
+// One group is matMulPlusB.
+void groupedMatMulPlusB(const Matrix& W, const float* x, size_t groups, const std::vector<float>& b,
+                        std::vector<float>& y);
+
 // Y = A·B + C; Y becomes A.rows × B.columns
 void matMulPlusB(const Matrix& A, const Matrix& B, const Matrix& C, Matrix& Y);
 

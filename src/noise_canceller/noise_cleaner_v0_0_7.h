@@ -1,0 +1,33 @@
+#pragma once
+// The generation-0.0.7 noise cleaner: the v0.0.5 cleaner's frame loop, front end, energy gate,
+// post-processing and synthesis, with the separable-dense GRU network (the layer-normalised GRU
+// with grouped matrices) giving the band gains. It reads one tunable parameter, the compress rate
+// ("SONEL_COMPRESS_RATE_v0_0_7" / "CONTROL_SONEL_COMPRESS_RATE_v0_0_7"); every other
+// post-processing parameter keeps its default. docs/design.md ("Noise cleaner v0.0.7") gives the
+// records.
+#include <vector>
+
+#include "noise_canceller/layer_norm_gru.h"
+#include "noise_canceller/spectral_cleaner.h"
+
+namespace SONEL::NOISE_CANCELLER {
+
+class NoiseCleaner_v0_0_7 : public SpectralCleaner {
+public:
+    // The 0.0.7 names, for every model that carries a 0.0.7 cleaner.
+    static const ParameterKeys kParameterKeys;
+    static const FrontEndParams::FilterRecords kFilterRecords;
+    static const LayerNormGru::Keys kNetworkKeys;
+
+    // Throws SonelException naming the record when the front end or the network is malformed or
+    // the network's last layer does not give one gain per band.
+    NoiseCleaner_v0_0_7(WEIGHTS::ModelPtr model, unsigned sampleRate);
+
+private:
+    void computeBandGains(const std::vector<float>& networkInput, std::vector<float>& bandGains) override;
+    void resetNetwork() override;
+
+    LayerNormGru network_;
+};
+
+}  // namespace SONEL::NOISE_CANCELLER
