@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""Writes a parity case for the C++ v0.0.6 cleaner: a random model, a test signal and the NumPy
-reference's output for it.
+"""Writes a parity case for the C++ v0.0.6 or v0.0.7 cleaner: a random model, a test signal and
+the NumPy reference's output for it.
 
     make_v0_0_6_parity_case.py OUTDIR --rate R --seed S [--input-layers 1|2] [--defaults]
+                               [--generation 0.0.7]
 
 OUTDIR/model.vlw is a random, numerically tame v0.0.6 cleaner (the v0.0.5 parity case's geometry:
 compress rate 2, two past frames of context, a top band cut short; input layers of 32, a GRU of
@@ -11,6 +12,11 @@ freezes blocks and the state must wait across them). OUTDIR/input.f32 is the v0.
 signal (make_parity_case.py) and OUTDIR/expected.f32 the reference output for it fed in 10 ms
 frames; both raw little-endian float32 at the model rate. Without --defaults the model also
 switches on, under the v0.0.6 names, every post-processing step the reference has.
+
+A 0.0.7 case is the same with the 0.0.7 filter records and keys and the separable-dense network:
+the GRU and the normalised output layer in GROUPS groups (the band layer and the input layers
+whole). The 0.0.7 cleaner reads no post-processing switch; without --defaults the model carries
+them under the 0.0.7 names all the same, and both sides must leave them unread.
 """
 
 import argparse
@@ -21,6 +27,7 @@ import numpy as np
 
 import make_parity_case as case
 import nc_v0_0_6 as nc6
+import nc_v0_0_7 as nc7
 
 nc = nc6.nc
 sw = nc.sw
@@ -29,6 +36,8 @@ F32 = np.float32
 INPUT_WIDTH = 32
 HIDDEN = 24
 OUTPUT_WIDTH = 16
+# Groups of the 0.0.7 case's GRU and output layer.
+GROUPS = 2
 # Energy gate (mean square, 16-bit units): the training geometry's, digital silence and dither.
 FREEZE_LOW, FREEZE_HIGH = 1.0, 4.0
 # Columns that read the recurrent state are kept small so the state update contracts and a
@@ -41,33 +50,35 @@ LOGIT_MEAN_RANGE = (0.0, 2.0)
 SD_FLOOR = 0.1
 
 
-def front_end_records(rate, controls):
-    """The front-end records and the controls under the v0.0.6 names."""
+def front_end_records(rate, controls, gen=nc6):
+    """The front-end records and the controls under the generation's names."""
     hop = rate // 100
     bins = hop + 1
     begin, end = case.unaligned_filter_range(bins, case.COMPRESS_RATE)
     bands = nc.BandLayout(bins, begin, end, case.COMPRESS_RATE).count
+    begin_name, end_name, past_last = gen.Model.FILTER_RECORDS
     R = sw.Record
     records = {
-        "Version": R(sw.STRING, nc6.VERSION),
+        "Version": R(sw.STRING, gen.VERSION),
         "SampleRate": R(sw.UINT, rate),
         "FrameLength": R(sw.UINT, 2 * hop),
         "Step": R(sw.UINT, hop),
-        "FiltrBegin": R(sw.UINT, begin),
-        "FiltrEnd": R(sw.UINT, end),
+        begin_name: R(sw.UINT, begin),
+        end_name: R(sw.UINT, end + int(past_last)),
         "PreviewFrames": R(sw.UINT, case.PREVIEW_FRAMES),
         "CoefficientNumber": R(sw.UINT, bands),
         "FreezeLowEnThr": R(sw.FLOAT, FREEZE_LOW),
         "FreezeHighEnThr": R(sw.FLOAT, FREEZE_HIGH),
         "LogPowerEpsilon": R(sw.FLOAT, case.LOG_POWER_EPSILON),
-        "ModelName": R(sw.STRING, "parity-v0.0.6-%d" % rate),
+        "ModelName": R(sw.STRING, "parity-v%s-%d" % (gen.VERSION, rate)),
         "TimeStamp": R(sw.STRING, "20260101T000000"),
     }
-    records.update(case.control_records(dict(controls, COMPRESS_RATE=(sw.UINT, case.COMPRESS_RATE)), nc6.KEYS))
+    records.update(case.control_records(dict(controls, COMPRESS_RATE=(sw.UINT, case.COMPRESS_RATE)), gen.KEYS))
     return records, (case.PREVIEW_FRAMES + 1) * bands, bands
 
 
-def random_network(rng, features, bands, input_layers):
+def random_network(rng, features, bands, input_layers, groups=1):
+    """Records of a random network; with groups > 1 its GRU and normalised output layer are grouped."""
     def dense(rows, columns, state_columns=0):
         w = rng.standard_normal((rows, columns))
         w[:, columns - state_columns:] *= STATE_WEIGHT_SCALE / np.sqrt(max(state_columns, 1))
@@ -86,9 +97,9 @@ def random_network(rng, features, bands, input_layers):
         in_ws=[dense(widths[k + 1], widths[k]) for k in range(input_layers)],
         in_bs=[small(w) for w in widths[1:]], in_gains=[gains(w) for w in widths[1:]],
         in_betas=[small(w) for w in widths[1:]],
-        gru_w=dense(2 * HIDDEN, INPUT_WIDTH + HIDDEN, HIDDEN), gru_b=small(3 * HIDDEN),
-        reset_w=dense(HIDDEN, INPUT_WIDTH + HIDDEN, HIDDEN), reset_b=small(HIDDEN),
-        out_ws=[dense(out_widths[k + 1], out_widths[k]) for k in range(2)],
+        gru_w=dense(2 * HIDDEN, (INPUT_WIDTH + HIDDEN) // groups, HIDDEN // groups), gru_b=small(3 * HIDDEN),
+        reset_w=dense(HIDDEN, (INPUT_WIDTH + HIDDEN) // groups, HIDDEN // groups), reset_b=small(HIDDEN),
+        out_ws=[dense(OUTPUT_WIDTH, HIDDEN // groups), dense(bands, OUTPUT_WIDTH)],
         out_bs=[small(w) for w in out_widths[1:]], out_gains=[gains(OUTPUT_WIDTH)], out_betas=[small(OUTPUT_WIDTH)])
 
 
@@ -96,9 +107,9 @@ def records_for(front, network, mu, sd):
     return dict(front, **nc6.lngru.records(mu, sd, **network))
 
 
-def band_logits(records, signal):
+def band_logits(records, signal, gen=nc6):
     """The band layer's logits for every analysed block of a fresh stream."""
-    model = nc6.Model(records)
+    model = gen.Model(records)
     feats = nc.FrontEnd(model).signal_features(signal)
     network = model.new_network()
     gains = np.stack([network.step(f) for f in feats.inputs[feats.analysed]]).astype(np.float64)
@@ -106,21 +117,21 @@ def band_logits(records, signal):
     return np.log(gains / (1 - gains)), feats
 
 
-def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL):
+def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL, gen=nc6):
     rng = np.random.default_rng(seed)
     signal = case.test_signal(rate, rng)
-    front, features, bands = front_end_records(rate, controls)
-    network = random_network(rng, features, bands, input_layers)
+    front, features, bands = front_end_records(rate, controls, gen)
+    network = random_network(rng, features, bands, input_layers, GROUPS if gen is nc7 else 1)
 
     # MU/SD: one value per network input, from the context of the signal's analysed blocks.
     ones = records_for(front, network, np.zeros(features, F32), np.ones(features, F32))
-    _, feats = band_logits(ones, signal)
+    _, feats = band_logits(ones, signal, gen)
     context = feats.inputs[feats.analysed]
     mu = context.mean(axis=0).astype(F32)
     sd = (context.std(axis=0) + SD_FLOOR).astype(F32)
 
     # Scale and shift each band's logit so the gains over the signal spread over (0, 1).
-    logits, _ = band_logits(records_for(front, network, mu, sd), signal)
+    logits, _ = band_logits(records_for(front, network, mu, sd), signal, gen)
     scale = LOGIT_SPREAD / (logits.std(axis=0) + 1e-6)
     offset = rng.uniform(*LOGIT_MEAN_RANGE, bands)
     network["out_ws"][-1] = (network["out_ws"][-1] * scale[:, None]).astype(F32)
@@ -131,19 +142,21 @@ def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL):
     sw.WeightWriter(records_for(front, network, mu, sd)).write_file(path)
     signal.astype("<f4").tofile(os.path.join(outdir, "input.f32"))
     # The expected output comes from the file as written, so it is what the library will load.
-    nc6.clean(nc6.Model.load(path), signal).astype("<f4").tofile(os.path.join(outdir, "expected.f32"))
+    gen.clean(gen.Model.load(path), signal).astype("<f4").tofile(os.path.join(outdir, "expected.f32"))
 
 
 def main(argv=None):
-    parser = argparse.ArgumentParser(description="Write a v0.0.6 cleaner parity case (model, input, expected output).")
+    parser = argparse.ArgumentParser(description="Write a v0.0.6 or v0.0.7 cleaner parity case (model, input, expected output).")
     parser.add_argument("outdir")
     parser.add_argument("--rate", type=int, required=True, choices=(8000, 16000, 24000, 32000))
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--input-layers", type=int, default=1, choices=(1, 2))
     parser.add_argument("--defaults", action="store_true",
                         help="leave every post-processing switch at its default")
+    parser.add_argument("--generation", default=nc6.VERSION, choices=(nc6.VERSION, nc7.VERSION))
     args = parser.parse_args(argv)
-    write_case(args.outdir, args.rate, args.seed, args.input_layers, {} if args.defaults else case.EXERCISE_ALL)
+    write_case(args.outdir, args.rate, args.seed, args.input_layers, {} if args.defaults else case.EXERCISE_ALL,
+               nc7 if args.generation == nc7.VERSION else nc6)
     return 0
 
 

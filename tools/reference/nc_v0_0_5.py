@@ -70,13 +70,16 @@ def signal_blocks(signal, hop):
 @dataclass(frozen=True)
 class ParameterKeys:
     """Names of a generation's tunable parameters: "CONTROL_<prefix><X><tag>" in the weight file,
-    except the compress rate, which is "CONTROL_VELTA_COMPRESS_RATE<tag>" in every generation."""
+    except the compress rate, "CONTROL_<compress_prefix>COMPRESS_RATE<tag>". Without `tunable`
+    keys the compress rate is the only parameter read; the rest keep their defaults."""
 
     prefix: str
     tag: str
+    compress_prefix: str = "VELTA_"
+    tunable: bool = True
 
     def control(self, x):
-        return "CONTROL_" + ("VELTA_" if x == "COMPRESS_RATE" else self.prefix) + x + self.tag
+        return "CONTROL_" + (self.compress_prefix if x == "COMPRESS_RATE" else self.prefix) + x + self.tag
 
 
 KEYS = ParameterKeys("SONEL_", "_v0_0_5")
@@ -126,6 +129,8 @@ class PostProcessing:
             value = control(x, sw.FLOAT, default)
             return value if valid(value) else default
 
+        if not keys.tunable:
+            return cls(compress_rate=control("COMPRESS_RATE", sw.UINT, d.compress_rate))
         percent = control("VOLUME_UP_PERCENT", sw.FLOAT, d.volume_up_percent)
         percent = percent if 0.0 < percent < 200.0 else 0.0
         return cls(
@@ -200,6 +205,8 @@ class Model:
     # The front end scales the context by MU and SD (indexed modulo their length); a network that
     # scales its own input gets the log powers as they are.
     scales_features = True
+    # The filter range's records and whether the end is one past the last bin (else the last bin).
+    FILTER_RECORDS = ("FiltrBegin", "FiltrEnd", False)
 
     def __init__(self, records):
         version = _record(records, "Version", sw.STRING)
@@ -211,8 +218,9 @@ class Model:
         if self.block != 2 * self.hop or self.hop * 1000 != self.rate * FRAME_MS:
             raise ValueError("FrameLength must be 2 x Step and Step 10 ms at SampleRate")
         self.post = PostProcessing.from_records(records, self.KEYS)
-        self.bands = BandLayout(self.block // 2 + 1, _record(records, "FiltrBegin", sw.UINT),
-                                _record(records, "FiltrEnd", sw.UINT), self.post.compress_rate)
+        begin_name, end_name, past_last = self.FILTER_RECORDS
+        self.bands = BandLayout(self.block // 2 + 1, _record(records, begin_name, sw.UINT),
+                                _record(records, end_name, sw.UINT) - int(past_last), self.post.compress_rate)
         if _record(records, "CoefficientNumber", sw.UINT) != self.bands.count:
             raise ValueError("CoefficientNumber must be the band count %d" % self.bands.count)
         self.context_frames = _record(records, "PreviewFrames", sw.UINT) + 1

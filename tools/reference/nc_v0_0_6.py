@@ -31,11 +31,13 @@ class Model(nc.Model):
     KEYS = KEYS
     # The network's first step scales the context by MU and SD, one value per input.
     scales_features = False
+    # Matrices narrower than their input split it into groups (the separable-dense form).
+    GROUPED = False
 
     def _read_network(self, records):
         if "RingtoneVersion" in records and records["RingtoneVersion"].value:
             raise ValueError("a ringtone detector, not a cleaner")
-        self.network_weights = lngru.Weights(records, self.inputs)
+        self.network_weights = lngru.Weights(records, self.inputs, self.GROUPED)
         if self.network_weights.outputs != self.bands.count:
             raise ValueError("the last layer gives %d values, not one per band (%d)"
                              % (self.network_weights.outputs, self.bands.count))
@@ -55,14 +57,15 @@ class Network(lngru.Network):
 clean = nc.clean
 
 
-def main(argv=None):
-    parser = argparse.ArgumentParser(description="Clean raw float32 audio with the v0.0.6 reference.")
+def main(argv=None, model_class=Model):
+    parser = argparse.ArgumentParser(description="Clean raw float32 audio with the v%s reference."
+                                     % model_class.VERSION)
     parser.add_argument("model", help="model weight file (.vlw)")
     parser.add_argument("input", help="raw little-endian float32 samples, 16-bit range, model rate")
     parser.add_argument("output", help="where the cleaned samples go, same format and length")
     args = parser.parse_args(argv)
     signal = np.fromfile(args.input, dtype="<f4")
-    clean(Model.load(args.model), signal).astype("<f4").tofile(args.output)
+    clean(model_class.load(args.model), signal).astype("<f4").tofile(args.output)
     return 0
 
 
