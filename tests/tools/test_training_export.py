@@ -1,6 +1,6 @@
 """The exported model, run by the NumPy reference network, gives the band gains the PyTorch module
-gave on the same features (so what was trained is what the cleaner runs); a v0.0.6 export also
-cleans in the library as in the reference."""
+gave on the same features (so what was trained is what the cleaner runs); v0.0.6 and v0.0.7
+exports also clean in the library as in the reference."""
 
 import dataclasses
 import os
@@ -119,46 +119,58 @@ class TrainingExportTest(unittest.TestCase):
                 self.assertGreater(worst, peak)
 
 
-def v0_0_6_export(folder, seed=6):
-    """A random 0.0.6 network exported through a checkpoint as train.py writes one; returns the
-    network as export.py reads it back, the per-band MU/SD, the file and its reference model.
-    Every width differs (16 input, 12 state, 10 output, 50 bands at 16 kHz) so a transposed or
-    misplaced matrix cannot fit, and four frames of context so MU/SD repeated for the wrong frames
-    show."""
+GENERATIONS = ("0.0.6", "0.0.7")
+
+
+def layer_norm_export(folder, generation, seed=6):
+    """A random 0.0.6 or 0.0.7 network exported through a checkpoint as train.py writes one;
+    returns the network as export.py reads it back, the per-band MU/SD, the file and its reference
+    model. Every width differs (16 input, 12 state, 10 output, 50 bands at 16 kHz) so a transposed
+    or misplaced matrix cannot fit, and four frames of context so MU/SD repeated for the wrong
+    frames show; 0.0.7 splits its GRU and output layer in two groups."""
     import export
     import network as net
 
     torch.manual_seed(seed)
     rng = np.random.default_rng(seed)
-    args = {"rate": 16000, "generation": "0.0.6", "hidden": [16, 12, 10], "preview_frames": 3}
+    args = {"rate": 16000, "generation": generation, "hidden": [16, 12, 10], "preview_frames": 3,
+            "groups": 2 if generation == "0.0.7" else None}
     geometry = net.geometry_of(args)
     model = net.new_network(geometry)
     with torch.no_grad():
         for p in model.parameters():
             p.add_(0.3 * torch.randn_like(p))
+    if generation == "0.0.7":
+        model.keep_blocks()
     bands = geometry.bands().count
     mu = rng.normal(8.0, 2.0, bands).astype(np.float32)
     sd = rng.uniform(1.0, 3.0, bands).astype(np.float32)
     checkpoint = os.path.join(folder, "checkpoint.pt")
     torch.save({"args": args, "network": model.state_dict(), "mu": mu, "sd": sd}, checkpoint)
     geometry, model, mu, sd = export.load_checkpoint(checkpoint)
-    path = os.path.join(folder, "v006.vlw")
+    path = os.path.join(folder, "model.vlw")
     loaded = export.write_model(path, geometry, model, mu, sd, "test", timestamp="test")
     return geometry, model, mu, sd, path, loaded
 
 
 @unittest.skipIf(torch is None, "training needs python3-torch")
-class V006ExportTest(unittest.TestCase):
+class LayerNormExportTest(unittest.TestCase):
     def test_reference_runs_the_export_as_trained(self):
+        for generation in GENERATIONS:
+            with self.subTest(generation):
+                self.check_reference_runs_the_export_as_trained(generation)
+
+    def check_reference_runs_the_export_as_trained(self, generation):
         import examples
         import network as net
 
         with tempfile.TemporaryDirectory() as folder:
-            geometry, model, mu, sd, _, loaded = v0_0_6_export(folder)
-        self.assertEqual((geometry.generation, geometry.hidden), ("0.0.6", (16, 12, 10)))
-        self.assertIsInstance(loaded, net.nc6.Model)
-        # Under the generation's own names: rescaling off, the compress rate of the geometry.
-        self.assertFalse(loaded.post.rescale)
+            geometry, model, mu, sd, _, loaded = layer_norm_export(folder, generation)
+        self.assertEqual((geometry.generation, geometry.hidden), (generation, (16, 12, 10)))
+        self.assertIsInstance(loaded, net.REFERENCE_MODELS[generation])
+        # Under the generation's own names: rescaling off for 0.0.6, on for 0.0.7 (which reads no
+        # switch), the compress rate of the geometry.
+        self.assertEqual(loaded.post.rescale, generation == "0.0.7")
         self.assertEqual(loaded.bands.count, geometry.bands().count)
 
         signal = speech_like(16000, np.random.default_rng(1))
@@ -184,12 +196,17 @@ class V006ExportTest(unittest.TestCase):
 
     @unittest.skipUnless(SONEL_TOOL, "SONEL_TOOL (the sonel tool of a build) is not set")
     def test_library_cleans_the_export_as_the_reference(self):
+        for generation in GENERATIONS:
+            with self.subTest(generation):
+                self.check_library_cleans_the_export_as_the_reference(generation)
+
+    def check_library_cleans_the_export_as_the_reference(self, generation):
         import soundfile as sf
 
         import network as net
 
         with tempfile.TemporaryDirectory() as folder:
-            geometry, _, _, _, path, loaded = v0_0_6_export(folder)
+            geometry, _, _, _, path, loaded = layer_norm_export(folder, generation)
             signal = speech_like(16000, np.random.default_rng(2))
             noisy, cleaned = os.path.join(folder, "in.wav"), os.path.join(folder, "out.wav")
             sf.write(noisy, signal / 32768.0, 16000, subtype="FLOAT")
@@ -198,7 +215,7 @@ class V006ExportTest(unittest.TestCase):
             library, rate = sf.read(cleaned, dtype="float32")
         self.assertEqual((rate, library.shape), (16000, signal.shape))
         # The tool removes the cleaner's one-hop delay; the reference's output keeps it.
-        reference = net.nc6.clean(loaded, signal)[geometry.hop:] / 32768.0
+        reference = net.nc.clean(loaded, signal)[geometry.hop:] / 32768.0
         self.assertGreater(np.abs(reference - signal[:-geometry.hop] / 32768.0).max(), 0.05)
         np.testing.assert_allclose(library[:-geometry.hop], reference, atol=1e-3)
 

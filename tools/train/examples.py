@@ -30,9 +30,12 @@ BANDWIDTH_MARGIN = 0.97
 
 def front_end(geometry, mu, sd):
     """The 0.0.5 front end, whatever the generation: features scaled by the per-band MU/SD. A 0.0.6
-    network reads the same context and scales it itself by the same values, repeated per frame."""
-    geometry = dataclasses.replace(geometry, generation=net.nc.VERSION)
-    records = net.model_records(geometry, net.new_network(geometry), mu, sd, "features",
+    network reads the same context and scales it itself by the same values, repeated per frame.
+    The 0.0.7 cleaner reads no rescale switch, so its input is rescaled (the library's default)
+    and so are the features it trains on."""
+    controls = None if geometry.keys.tunable else {}
+    geometry = dataclasses.replace(geometry, generation=net.nc.VERSION, groups=1)
+    records = net.model_records(geometry, net.new_network(geometry), mu, sd, "features", controls=controls,
                                 timestamp="features")
     return net.nc.FrontEnd(net.nc.Model(records))
 

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Writes a trained checkpoint as a model file (".vlw" plain, ".sw" enciphered) of the generation
-it was trained for (0.0.5, or 0.0.6 for runs of train.py --generation 0.0.6).
+it was trained for (0.0.5, or 0.0.6 and 0.0.7 for runs of train.py --generation 0.0.6 / 0.0.7).
 
     export.py --checkpoint STATE_DIR/checkpoint.pt --out models/sonel-nc-32k.vlw \
               [--out models/sonel-nc-32k.sw --build-dir build]

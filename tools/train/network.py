@@ -11,6 +11,12 @@ Generation 0.0.6 (`LayerNormGruCleaner`) is the layer-normalised GRU network of 
 (`nc_v0_0_6.Network`): input layers tanh(LayerNorm(W x + b)), PyTorch's GRU, output layers
 tanh(LayerNorm(W x + b)) and a logistic band layer. Export regroups the GRU's weights
 (`gru_records`) and repeats the per-band MU/SD for every frame of the context.
+
+Generation 0.0.7 (`SepDenseGruCleaner`) is the 0.0.6 form with the GRU and the normalised output
+layer in groups (`nc_v0_0_7.Network`; docs/design.md, Noise cleaner v0.0.7): group g reads every
+G-th value of the layer before and its own part of the state. The GRU is PyTorch's, its input
+read by group and its weights held block-diagonal (zero outside the blocks, gradients masked),
+so export keeps each row's own block.
 """
 
 import dataclasses
@@ -28,10 +34,15 @@ sys.path.insert(0, str(TOOLS))
 import layer_norm_gru as lngru  # noqa: E402
 import nc_v0_0_5 as nc  # noqa: E402
 import nc_v0_0_6 as nc6  # noqa: E402
+import nc_v0_0_7 as nc7  # noqa: E402
 import sonel_weights as sw  # noqa: E402
 
 F32 = np.float32
-GENERATIONS = (nc.VERSION, nc6.VERSION)
+# The reference cleaner of each generation; its keys and filter records are the file's.
+REFERENCE_MODELS = {nc.VERSION: nc.Model, nc6.VERSION: nc6.Model, nc7.VERSION: nc7.Model}
+GENERATIONS = tuple(REFERENCE_MODELS)
+# Groups of a 0.0.7 network's GRU and output layer unless a run chooses (--groups).
+GROUPS_0_0_7 = 4
 # Bound on the first layer's state columns (see CleanerNetwork.bound_recurrence).
 RECURRENCE_LIMIT = 0.95
 
@@ -42,7 +53,7 @@ class Geometry:
 
     rate: int
     compress_rate: int
-    # 0.0.5: the hidden layers' widths. 0.0.6: (input layer, GRU, output layer) widths.
+    # 0.0.5: the hidden layers' widths. 0.0.6 and 0.0.7: (input layer, GRU, output layer) widths.
     hidden: tuple
     preview_frames: int = 2
     # Energy gate (mean square, 16-bit units): RMS 1 and 2 LSB, i.e. digital silence and its
@@ -53,11 +64,18 @@ class Geometry:
     # CONTROLS: ((X, (type, value)), ...) for CONTROL_SONEL_X (docs/training.md).
     tuned_controls: tuple = ()
     generation: str = nc.VERSION
+    # 0.0.7: groups of the GRU and the output layer (every other layer reads its input whole).
+    groups: int = 1
+
+    @property
+    def reference(self):
+        """The generation's reference cleaner model class."""
+        return REFERENCE_MODELS[self.generation]
 
     @property
     def keys(self):
         """Names of the generation's CONTROL_ records."""
-        return nc6.KEYS if self.generation == nc6.VERSION else nc.KEYS
+        return self.reference.KEYS
 
     @property
     def hop(self):
@@ -88,10 +106,16 @@ def geometry_of(args):
     """The geometry a run trains: its rate's, with the generation, hidden sizes and feature context
     the run chose (if any). Runs from before the generation was a choice trained 0.0.5."""
     geometry = GEOMETRIES[args["rate"]]
-    if (args.get("generation") or nc.VERSION) == nc6.VERSION:
+    generation = args.get("generation") or nc.VERSION
+    if generation == nc6.VERSION:
         # As wide as the rate's 0.0.5 network; its post-processing was tuned for that network.
         geometry = dataclasses.replace(geometry, generation=nc6.VERSION, hidden=(geometry.hidden[0],) * 3,
                                        tuned_controls=())
+    if generation == nc7.VERSION:
+        # Three times the rate's 0.0.5 width in four groups: at 32 kHz 384 wide for 350 k multiplies
+        # per hop, where the shipped 0.0.5 network (256 wide) takes 481 k (docs/design.md).
+        geometry = dataclasses.replace(geometry, generation=nc7.VERSION, hidden=(3 * geometry.hidden[0],) * 3,
+                                       tuned_controls=(), groups=args.get("groups") or GROUPS_0_0_7)
     hidden, preview = args.get("hidden"), args.get("preview_frames")
     if hidden:
         geometry = dataclasses.replace(geometry, hidden=tuple(hidden))
@@ -120,6 +144,9 @@ CONTROLS = {
 
 
 def control_records(controls, compress_rate, keys=nc.KEYS):
+    if not keys.tunable and controls:
+        raise ValueError("this generation reads no post-processing control but the compress rate, not %s"
+                         % ", ".join(sorted(controls)))
     values = dict(controls, COMPRESS_RATE=(sw.UINT, compress_rate))
     return {keys.control(x): sw.Record(type_code, value) for x, (type_code, value) in values.items()}
 
@@ -239,7 +266,7 @@ class LayerNormGruCleaner(torch.nn.Module):
     def forward(self, features, analysed, state=None):
         """As CleanerNetwork.forward: gains (batch, blocks, bands) and the state after the last
         block; blocks the energy gate froze keep the state."""
-        x = torch.tanh(self.inp_norm(self.inp(features)))
+        x = self.gru_input(torch.tanh(self.inp_norm(self.inp(features))))
         if state is None:
             state = features.new_zeros(features.shape[0], self.state_size)
         if bool(analysed.all()):
@@ -262,17 +289,72 @@ class LayerNormGruCleaner(torch.nn.Module):
             y = torch.stack(outputs, 1)
         return torch.sigmoid(self.out(torch.tanh(self.hid_norm(self.hid(y))))), state
 
+    def gru_input(self, x):
+        """The input layer's values in the order the GRU reads them."""
+        return x
+
+
+class GroupedLinear(torch.nn.Module):
+    """W x + b with W block-diagonal in `groups` groups, group g reading x[g], x[g + G], ... and
+    giving the g-th block of outputs; the weight is held as the model record stores it,
+    outputs x inputs / groups (nn.Linear's initialisation over a group's inputs)."""
+
+    def __init__(self, inputs, outputs, groups):
+        super().__init__()
+        if inputs % groups or outputs % groups:
+            raise ValueError("%d groups do not split %d inputs and %d outputs" % (groups, inputs, outputs))
+        self.groups = groups
+        bound = 1.0 / np.sqrt(inputs // groups)
+        self.weight = torch.nn.Parameter(torch.empty(outputs, inputs // groups).uniform_(-bound, bound))
+        self.bias = torch.nn.Parameter(torch.empty(outputs).uniform_(-bound, bound))
+
+    def forward(self, x):
+        g = self.groups
+        by_group = x.unflatten(-1, (-1, g)).transpose(-1, -2)
+        blocks = self.weight.view(g, -1, self.weight.shape[1])
+        return torch.einsum("...gc,grc->...gr", by_group, blocks).flatten(-2) + self.bias
+
+
+class SepDenseGruCleaner(LayerNormGruCleaner):
+    """The 0.0.7 network form: LayerNormGruCleaner with its GRU and output layer in `groups`
+    groups. The GRU reads the input layer by group (every G-th value) and keeps its weights zero
+    outside each group's block, gradients included, so Adam never moves them."""
+
+    def __init__(self, features, bands, hidden, groups):
+        super().__init__(features, bands, hidden)
+        width, state, out = self.hidden
+        if groups < 1 or width % groups or state % groups or out % groups:
+            raise ValueError("%d groups must split every width of %s" % (groups, self.hidden))
+        self.groups = groups
+        self.hid = GroupedLinear(state, out, groups)
+        unit_group = torch.arange(3 * state) % state // (state // groups)
+        for name, columns in (("weight_ih_l0", width), ("weight_hh_l0", state)):
+            mask = (unit_group[:, None] == torch.arange(columns)[None] // (columns // groups)).float()
+            self.register_buffer("mask_" + name, mask, persistent=False)
+            getattr(self.gru, name).register_hook(lambda grad, name=name: grad * getattr(self, "mask_" + name))
+        self.keep_blocks()
+
+    def keep_blocks(self):
+        """Zeroes the GRU's weights outside the groups' blocks."""
+        with torch.no_grad():
+            for name in ("weight_ih_l0", "weight_hh_l0"):
+                getattr(self.gru, name).mul_(getattr(self, "mask_" + name))
+
+    def gru_input(self, x):
+        return x.unflatten(-1, (-1, self.groups)).transpose(-1, -2).flatten(-2)
+
 
 def _np(p):
     return p.detach().cpu().numpy().astype(F32)
 
 
-def gru_records(gru):
+def gru_records(gru, groups=1):
     """A one-layer PyTorch GRU as the 0.0.6 records WeightGRU, BiasGRU, WeightGRU_reset and
     BiasGRU_reset. PyTorch keeps the reset, update and candidate rows together ([r; z; n]) and the
     input and state parts apart; the model file keeps update and candidate in "WeightGRU", the
     reset gate apart, input and state columns side by side, and sums the two biases of each gate
-    (the candidate's state bias stays apart: the reset gate scales it)."""
+    (the candidate's state bias stays apart: the reset gate scales it). With groups (0.0.7) each
+    row keeps the columns of its own group's block, and anything outside it is refused."""
     if gru.num_layers != 1 or not gru.bias or gru.bidirectional:
         raise ValueError("the 0.0.6 records hold one forward GRU layer with biases")
     h = gru.hidden_size
@@ -282,16 +364,35 @@ def gru_records(gru):
     gru_w = np.block([[w_i[z], w_h[z]], [w_i[n], w_h[n]]])
     gru_b = np.concatenate([b_i[z] + b_h[z], b_i[n], b_h[n]])
     reset_w = np.hstack([w_i[r], w_h[r]])
-    return gru_w, gru_b, reset_w, b_i[r] + b_h[r]
+    return _own_blocks(gru_w, gru.input_size, h, groups), gru_b, \
+        _own_blocks(reset_w, gru.input_size, h, groups), b_i[r] + b_h[r]
+
+
+def _own_blocks(w, inputs, hidden, groups):
+    """Rows of [input | state] columns cut to their group's input and state blocks (row r is unit
+    r mod hidden, of group unit // (hidden / groups))."""
+    if groups == 1:
+        return w
+    inputs_each, state_each = inputs // groups, hidden // groups
+    out = np.empty((w.shape[0], inputs_each + state_each), F32)
+    for row in range(w.shape[0]):
+        g = row % hidden // state_each
+        columns = np.r_[g * inputs_each:(g + 1) * inputs_each, inputs + g * state_each:inputs + (g + 1) * state_each]
+        outside = np.delete(w[row], columns)
+        if np.any(outside):
+            raise ValueError("GRU row %d has weights outside its group's block" % row)
+        out[row] = w[row, columns]
+    return out
 
 
 def _network_records(geometry, network, mu, sd):
-    """The network's records: 0.0.5 as they are stored, 0.0.6 regrouped (with MU and SD)."""
+    """The network's records: 0.0.5 as they are stored, 0.0.6 and 0.0.7 regrouped (with MU and SD)."""
     R = sw.Record
-    if geometry.generation == nc6.VERSION:
+    if geometry.generation != nc.VERSION:
         n = network
         return lngru.records(mu, sd, [_np(n.inp.weight)], [_np(n.inp.bias)], [_np(n.inp_norm.weight)],
-                             [_np(n.inp_norm.bias)], *gru_records(n.gru), [_np(n.hid.weight), _np(n.out.weight)],
+                             [_np(n.inp_norm.bias)], *gru_records(n.gru, geometry.groups),
+                             [_np(n.hid.weight), _np(n.out.weight)],
                              [_np(n.hid.bias), _np(n.out.bias)], [_np(n.hid_norm.weight)], [_np(n.hid_norm.bias)])
     return {
         "WeightGRU": R(sw.MATRIX, _np(network.gate_w)),
@@ -309,10 +410,11 @@ def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None
     context itself, so its file repeats them for each frame. `controls` default to CONTROLS plus
     the geometry's tuned post-processing."""
     if controls is None:
-        controls = dict(CONTROLS, **dict(geometry.tuned_controls))
+        controls = dict(CONTROLS, **dict(geometry.tuned_controls)) if geometry.keys.tunable else {}
     bands = geometry.bands()
     begin, end = geometry.filter_range
-    frames = geometry.preview_frames + 1 if geometry.generation == nc6.VERSION else 1
+    begin_name, end_name, past_last = geometry.reference.FILTER_RECORDS
+    frames = geometry.preview_frames + 1 if geometry.generation != nc.VERSION else 1
     mu, sd = np.tile(np.asarray(mu, F32), frames), np.tile(np.asarray(sd, F32), frames)
     R = sw.Record
     records = {
@@ -320,8 +422,8 @@ def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None
         "SampleRate": R(sw.UINT, geometry.rate),
         "FrameLength": R(sw.UINT, geometry.block),
         "Step": R(sw.UINT, geometry.hop),
-        "FiltrBegin": R(sw.UINT, begin),
-        "FiltrEnd": R(sw.UINT, end),
+        begin_name: R(sw.UINT, begin),
+        end_name: R(sw.UINT, end + int(past_last)),
         "PreviewFrames": R(sw.UINT, geometry.preview_frames),
         "CoefficientNumber": R(sw.UINT, bands.count),
         "FreezeLowEnThr": R(sw.FLOAT, geometry.freeze_low),
@@ -339,7 +441,7 @@ def model_records(geometry, network, mu, sd, name, controls=None, timestamp=None
 
 def reference_model(records):
     """The reference cleaner's model of the generation the records name ("Version")."""
-    return (nc6.Model if records["Version"].value == nc6.VERSION else nc.Model)(records)
+    return REFERENCE_MODELS.get(records["Version"].value, nc.Model)(records)
 
 
 def load_records(network, records):
@@ -367,5 +469,8 @@ def load_records(network, records):
 
 def new_network(geometry):
     bands = geometry.bands().count
+    features = (geometry.preview_frames + 1) * bands
+    if geometry.generation == nc7.VERSION:
+        return SepDenseGruCleaner(features, bands, geometry.hidden, geometry.groups)
     form = LayerNormGruCleaner if geometry.generation == nc6.VERSION else CleanerNetwork
-    return form((geometry.preview_frames + 1) * bands, bands, geometry.hidden)
+    return form(features, bands, geometry.hidden)

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Trains a noise-cleaning network on mixtures made on the fly from the training corpus: the
-v0.0.5 network, or with --generation 0.0.6 the layer-normalised GRU network.
+v0.0.5 network, with --generation 0.0.6 the layer-normalised GRU network, or with --generation
+0.0.7 its separable-dense form (GRU and output layer in --groups groups).
 
     train.py --rate 32000 --state-dir /root/sonel-train/nc32k
 
@@ -58,8 +59,11 @@ def parse_args(argv):
                    "--data (default: $%s; none when unset)" % EXTRA_DATA_ENV)
     p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
     p.add_argument("--hidden", type=lambda s: [int(h) for h in s.split(",")],
-                   help="hidden layer sizes, e.g. 192,192; for 0.0.6 input layer, GRU and output layer, "
-                   "e.g. 96,96,96 (default by rate; network.py)")
+                   help="hidden layer sizes, e.g. 192,192; for 0.0.6 and 0.0.7 input layer, GRU and output "
+                   "layer, e.g. 96,96,96 (default by rate; network.py)")
+    p.add_argument("--groups", type=int,
+                   help="0.0.7: groups of the GRU and the output layer, dividing each width (default %d)"
+                   % net.GROUPS_0_0_7)
     p.add_argument("--preview-frames", type=int,
                    help="past blocks the network sees beside the current one (default by rate)")
     p.add_argument("--init-from", help="model file (.vlw) whose network and MU/SD a new run starts from")
@@ -102,11 +106,13 @@ def parse_args(argv):
                    help="stop once this many epochs are done, keeping the schedule's learning-rate curve")
     p.add_argument("--stop-after", type=int, help="stop after this many batches (smoke runs)")
     args = p.parse_args(argv)
-    if args.generation == net.nc6.VERSION:
+    if args.generation != net.nc.VERSION:
         if args.hidden and len(args.hidden) != 3:
-            p.error("a 0.0.6 network takes three --hidden widths: input layer, GRU, output layer")
+            p.error("a %s network takes three --hidden widths: input layer, GRU, output layer" % args.generation)
         if args.init_from:
             p.error("--init-from reads 0.0.5 model files only")
+    if args.groups and args.generation != net.nc7.VERSION:
+        p.error("--groups applies to 0.0.7 networks only")
     epochs, examples = SCHEDULES[args.rate]
     args.epochs = args.epochs or epochs
     args.examples = args.examples or examples
@@ -116,9 +122,9 @@ def parse_args(argv):
 
 
 # Settings that must not change when a run is resumed.
-FIXED = ("rate", "generation", "hidden", "preview_frames", "noise_only_share", "batch", "seconds", "chunk",
+FIXED = ("rate", "generation", "hidden", "groups", "preview_frames", "noise_only_share", "batch", "seconds", "chunk",
          "seed", "examples", "validation", "normalisation")
-FIXED_BEFORE = {"generation": net.nc.VERSION, "hidden": None, "preview_frames": None,
+FIXED_BEFORE = {"generation": net.nc.VERSION, "hidden": None, "groups": None, "preview_frames": None,
                 "noise_only_share": P_NOISE_ONLY}
 
 
