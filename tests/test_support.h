@@ -1,13 +1,20 @@
 #pragma once
-// Helpers shared by the test suites: scratch folders and small model files.
+// Helpers shared by the test suites: scratch folders, small model files registered as a host
+// registers them, and the test signals several suites feed.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <random>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "sonel-audio-sdk.h"
 #include "model_factory.h"
+#include "weights/model.h"
 
 namespace sonel_test {
 
@@ -34,5 +41,75 @@ struct GlobalInstance {
     GlobalInstance() { EXPECT_EQ(sonelAudioGlobalInit(nullptr), SONEL_AUDIO_OK); }
     ~GlobalInstance() { EXPECT_EQ(sonelAudioGlobalDestroy(), SONEL_AUDIO_OK); }
 };
+
+// Registers the model file at `path` under `name`; the registry's note on stdout is swallowed.
+inline void registerModelFile(const std::string& path, const std::string& name) {
+    testing::internal::CaptureStdout();
+    const int32_t result = sonelAudioSetModel(wide(path).c_str(), name.c_str());
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(result, SONEL_AUDIO_OK) << path;
+}
+
+// Writes `writer` to `name`.vlw in `dir` and registers it under `name`.
+inline void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWriter& writer,
+                          const std::string& name) {
+    ASSERT_TRUE(writer.writeFile(dir.file(name + ".vlw")));
+    registerModelFile(dir.file(name + ".vlw"), name);
+}
+
+// A writer holding `records`, in name order.
+inline SONEL::WEIGHTS::WeightWriter writerOf(
+    const std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>& records) {
+    SONEL::WEIGHTS::WeightWriter writer;
+    for (const auto& [name, value] : records) writer.add(name, value);
+    return writer;
+}
+
+// The model a session would build its cleaner from: `writer`'s records loaded back, with the
+// control-file entries `env`.
+inline SONEL::WEIGHTS::ModelPtr modelFrom(
+    const SONEL::WEIGHTS::WeightWriter& writer,
+    const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    auto weight = std::make_shared<SONEL::WEIGHTS::Weight>();
+    const std::vector<uint8_t> bytes = writer.toStream();
+    EXPECT_TRUE(weight->loadStream(bytes.data(), bytes.size())) << weight->message();
+    auto model = std::make_shared<SONEL::WEIGHTS::ModelPair>(weight, SONEL::CONTAINERS::AnyMap{});
+    for (const auto& [key, value] : env) model->second.set<std::string>(key, value);
+    return model;
+}
+
+// White Gaussian noise of standard deviation `rms`.
+inline std::vector<float> gaussianNoise(size_t n, float rms, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<float> normal(0.0f, rms);
+    std::vector<float> x(n);
+    for (float& v : x) v = normal(rng);
+    return x;
+}
+
+inline std::vector<float> sine(size_t n, double hz, double rateHz, float amplitude) {
+    std::vector<float> x(n);
+    for (size_t i = 0; i < n; ++i) x[i] = amplitude * static_cast<float>(std::sin(2 * M_PI * hz * i / rateHz));
+    return x;
+}
+
+// Stationary noise below 2 kHz (white noise through two one-pole low-passes at 1 kHz, inside a
+// 16 kHz model's band at any host rate), scaled to `level` dBFS over its length.
+inline std::vector<float> rumble(size_t n, unsigned hz, double level, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::normal_distribution<double> normal(0.0, 1.0);
+    const double a = std::exp(-2.0 * M_PI * 1000.0 / hz);
+    std::vector<double> x(n);
+    double y1 = 0.0, y2 = 0.0, power = 0.0;
+    for (size_t i = 0; i < n + hz / 10; ++i) {  // 100 ms run-in for the filters
+        y1 = a * y1 + (1.0 - a) * normal(rng);
+        y2 = a * y2 + (1.0 - a) * y1;
+        if (i >= hz / 10) power += (x[i - hz / 10] = y2) * y2;
+    }
+    const double gain = std::pow(10.0, level / 20.0) / std::sqrt(power / static_cast<double>(n));
+    std::vector<float> out(n);
+    for (size_t i = 0; i < n; ++i) out[i] = static_cast<float>(gain * x[i]);
+    return out;
+}
 
 }  // namespace sonel_test

@@ -15,16 +15,6 @@ using testing::internal::GetCapturedStdout;
 
 namespace {
 
-SONEL::WEIGHTS::ModelPtr modelFrom(const CleanerModelSpec& spec,
-                                   const std::vector<std::pair<std::string, std::string>>& env = {}) {
-    auto weight = std::make_shared<SONEL::WEIGHTS::Weight>();
-    const std::vector<uint8_t> bytes = cleanerModel(spec).toStream();
-    EXPECT_TRUE(weight->loadStream(bytes.data(), bytes.size()));
-    auto model = std::make_shared<SONEL::WEIGHTS::ModelPair>(weight, SONEL::CONTAINERS::AnyMap{});
-    for (const auto& [k, v] : env) model->second.set<std::string>(k, v);
-    return model;
-}
-
 // A 10 ms frame at 48 kHz of tones centred on FFT bins, one per listed band of 6 kHz.
 std::vector<float> bandTones(std::initializer_list<int> bands) {
     std::vector<float> frame(480, 0.0f);
@@ -39,7 +29,7 @@ std::vector<float> bandTones(std::initializer_list<int> bands) {
 }  // namespace
 
 TEST(CleanerBase, BandwidthDecisionAfterTheAveragingPeriod) {
-    NoiseCleaner_v0_0_5 cleaner(modelFrom(CleanerModelSpec{}), 16000);
+    NoiseCleaner_v0_0_5 cleaner(modelFrom(cleanerModel(CleanerModelSpec{})), 16000);
     struct Case {
         std::initializer_list<int> bands;
         int expected;
@@ -57,7 +47,7 @@ TEST(CleanerBase, BandwidthDecisionAfterTheAveragingPeriod) {
 
 TEST(CleanerBase, TalkAndNoiseStatisticsAndTheirEnvironmentKeys) {
     CaptureStdout();
-    NoiseCleaner_v0_0_5 cleaner(modelFrom(CleanerModelSpec{}, {{"sonel_env_stats_accumulation_count", "2"},
+    NoiseCleaner_v0_0_5 cleaner(modelFrom(cleanerModel(CleanerModelSpec{}), {{"sonel_env_stats_accumulation_count", "2"},
                                                                {"sonel_env_low_noise", "30"}}),
                                 16000);
     EXPECT_EQ(GetCapturedStdout(), "### sonel_env_low_noise: 30\n### sonel_env_stats_accumulation_count : 2\n");
@@ -92,7 +82,7 @@ TEST(CleanerV005, EnergyGateFreezesThroughSilenceAndResetRestarts) {
     spec.outputBias = 0.0f;
     spec.freezeLow = 1.0f;
     spec.freezeHigh = 100.0f;
-    NoiseCleaner_v0_0_5 cleaner(modelFrom(spec), 16000);
+    NoiseCleaner_v0_0_5 cleaner(modelFrom(cleanerModel(spec)), 16000);
     std::mt19937 rng(7);
     std::normal_distribution<float> noise(0.0f, 1000.0f);
     std::vector<float> signal(160 * 60);

@@ -8,7 +8,6 @@
 #include <cmath>
 #include <iostream>
 #include <numeric>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -20,9 +19,7 @@
 using namespace sonel_test;
 using SONEL::NOISE_CANCELLER::NoiseDBCleaner_v0_0_1;
 using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
@@ -30,34 +27,7 @@ constexpr float kFloor = NoiseDBCleaner_v0_0_1::kFloorDbfs;
 
 SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
 
-// Registers `path` under `name`, writing `writer` there first when given.
-void registerModel(const std::string& path, const char* name, const SONEL::WEIGHTS::WeightWriter* writer = nullptr) {
-    if (writer) ASSERT_TRUE(writer->writeFile(path));
-    CaptureStdout();
-    ASSERT_EQ(sonelAudioSetModel(wide(path).c_str(), name), SONEL_AUDIO_OK);
-    GetCapturedStdout();
-}
-
 const char* const kShipped = SONEL_SOURCE_DIR "/models/sonel-nc-16k.vlw";
-
-// Stationary noise below 2 kHz (white noise through two one-pole low-passes at 1 kHz, inside a
-// 16 kHz model's band at any host rate), scaled to `level` dBFS over its length.
-std::vector<float> rumble(size_t n, unsigned hz, double level, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::normal_distribution<double> normal(0.0, 1.0);
-    const double a = std::exp(-2.0 * M_PI * 1000.0 / hz);
-    std::vector<double> x(n);
-    double y1 = 0.0, y2 = 0.0, power = 0.0;
-    for (size_t i = 0; i < n + hz / 10; ++i) {  // 100 ms run-in for the filters
-        y1 = a * y1 + (1.0 - a) * normal(rng);
-        y2 = a * y2 + (1.0 - a) * y1;
-        if (i >= hz / 10) power += (x[i - hz / 10] = y2) * y2;
-    }
-    const double gain = std::pow(10.0, level / 20.0) / std::sqrt(power / static_cast<double>(n));
-    std::vector<float> out(n);
-    for (size_t i = 0; i < n; ++i) out[i] = static_cast<float>(gain * x[i]);
-    return out;
-}
 
 // The level after each 10 ms frame of `x`, through the float path.
 std::vector<float> levels(void* session, const std::vector<float>& x, unsigned hz) {
@@ -101,8 +71,7 @@ TEST(NoiseLevel, ScaleIsDbfsOfWhatTheCleanerRemovesInAnyFrameSize) {
     GlobalInstance global;
     CleanerModelSpec spec;
     spec.outputBias = -30.0f;
-    const SONEL::WEIGHTS::WeightWriter all = cleanerModel(spec);
-    registerModel(dir.file("all.vlw"), "all", &all);
+    registerModel(dir, cleanerModel(spec), "all");
     for (unsigned ms : {10u, 15u, 40u}) {
         SCOPED_TRACE(ms);
         void* session = sonelAudioNoiseDbCreateSession(rate(16000), static_cast<SonelAudioFrameDuration>(ms), "all");
@@ -120,7 +89,7 @@ TEST(NoiseLevel, ScaleIsDbfsOfWhatTheCleanerRemovesInAnyFrameSize) {
 
 TEST(NoiseLevel, ShippedCleanerReadsNoiseThroughSpeechAndFollowsStepsAtBothHostRates) {
     GlobalInstance global;
-    registerModel(kShipped, "nc16");
+    registerModelFile(kShipped, "nc16");
     for (unsigned hz : {16000u, 48000u}) {
         SCOPED_TRACE(hz);
         void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc16");
@@ -163,7 +132,7 @@ TEST(NoiseLevel, ShippedCleanerReadsNoiseThroughSpeechAndFollowsStepsAtBothHostR
 
 TEST(NoiseLevel, SilenceGivesTheFloorNonFiniteInputIsSilenceAndResetStartsOver) {
     GlobalInstance global;
-    registerModel(kShipped, "nc16");
+    registerModelFile(kShipped, "nc16");
     constexpr unsigned hz = 48000;
     void* session = sonelAudioNoiseDbCreateSession(rate(hz), SONEL_AUDIO_FRAME_10MS, "nc16");
     ASSERT_NE(session, nullptr);
@@ -196,8 +165,7 @@ TEST(NoiseLevel, ReturnCodesAndFramesWithoutAllocation) {
     CleanerModelSpec spec;  // a random network: masks between 0 and 1
     spec.weightScale = 1.0f;
     spec.outputBias = 0.0f;
-    const SONEL::WEIGHTS::WeightWriter random = cleanerModel(spec);
-    registerModel(dir.file("nc.vlw"), "nc", &random);
+    registerModel(dir, cleanerModel(spec), "nc");
     void* db = sonelAudioNoiseDbCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
     void* nc = sonelAudioNcCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
     ASSERT_NE(db, nullptr);

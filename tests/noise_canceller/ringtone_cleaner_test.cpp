@@ -24,9 +24,7 @@ using SONEL::CONTAINERS::Matrix;
 using SONEL::NOISE_CANCELLER::RingtoneCleaner_v0_0_1;
 using SONEL::SONEL_AUDIO::SonelAudioSessionT;
 using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
@@ -75,25 +73,7 @@ Records ringtoneRecords(unsigned seed = 1, const std::string& version = "0.0.6")
             {"BiasNonLinearNorm", Vectors{values(kOut, 0)}}};
 }
 
-SONEL::WEIGHTS::WeightWriter writerFor(const Records& records) {
-    SONEL::WEIGHTS::WeightWriter writer;
-    for (const auto& [name, value] : records) writer.add(name, value);
-    return writer;
-}
-
-SONEL::WEIGHTS::ModelPtr modelFrom(const Records& records) {
-    auto weight = std::make_shared<SONEL::WEIGHTS::Weight>();
-    const std::vector<uint8_t> bytes = writerFor(records).toStream();
-    EXPECT_TRUE(weight->loadStream(bytes.data(), bytes.size())) << weight->message();
-    return std::make_shared<SONEL::WEIGHTS::ModelPair>(weight, SONEL::CONTAINERS::AnyMap{});
-}
-
-void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWriter& writer, const std::string& name) {
-    ASSERT_TRUE(writer.writeFile(dir.file(name + ".vlw")));
-    CaptureStdout();
-    ASSERT_EQ(sonelAudioSetModel(wide(dir.file(name + ".vlw")).c_str(), name.c_str()), SONEL_AUDIO_OK);
-    GetCapturedStdout();
-}
+SONEL::WEIGHTS::ModelPtr modelOf(const Records& records) { return modelFrom(writerOf(records)); }
 
 // Noise with a 440 + 480 Hz ring that is on for 0.4 s of every 0.6 s, full scale ±1.
 std::vector<float> ringing(unsigned hz, double seconds, unsigned seed) {
@@ -156,7 +136,7 @@ TEST(RingtoneModel, MalformedRecordsAreRefusedByName) {
         Records records = ringtoneRecords();
         c.apply(records);
         try {
-            RingtoneCleaner_v0_0_1 detector(modelFrom(records), c.rate);
+            RingtoneCleaner_v0_0_1 detector(modelOf(records), c.rate);
             ADD_FAILURE() << "accepted";
         } catch (const SONEL::UTILS::SonelException& e) {
             EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
@@ -172,8 +152,8 @@ TEST(RingtoneModel, MalformedRecordsAreRefusedByName) {
                              &keys.inputNormBiases, &keys.gruWeight, &keys.gruBias, &keys.resetWeight, &keys.resetBias,
                              &keys.outputWeights, &keys.outputBiases, &keys.outputGains, &keys.outputNormBiases})
         *key = "Ring" + *key;
-    SONEL::NOISE_CANCELLER::LayerNormGru plain(*modelFrom(ringtoneRecords()), kFeatures),
-        named(*modelFrom(renamed), kFeatures, keys);
+    SONEL::NOISE_CANCELLER::LayerNormGru plain(*modelOf(ringtoneRecords()), kFeatures),
+        named(*modelOf(renamed), kFeatures, keys);
     std::vector<float> features(kFeatures);
     for (int step = 0; step < 5; ++step) {
         for (unsigned i = 0; i < kFeatures; ++i) features[i] = std::sin(0.1f * i * (step + 1));
@@ -188,7 +168,7 @@ TEST(RingtoneModel, MalformedRecordsAreRefusedByName) {
     GlobalInstance global;
     Records bad = ringtoneRecords();
     bad["BiasGRU"] = std::vector<float>(2 * kHidden);
-    registerModel(dir, writerFor(bad), "bad");
+    registerModel(dir, writerOf(bad), "bad");
     CaptureStderr();
     EXPECT_EQ(sonelAudioRingtoneCreateSession(rate(48000), SONEL_AUDIO_FRAME_10MS, "bad"), nullptr);
     EXPECT_NE(GetCapturedStderr().find("BiasGRU needs 36 values"), std::string::npos);
@@ -197,7 +177,7 @@ TEST(RingtoneModel, MalformedRecordsAreRefusedByName) {
 TEST(RingtoneSession, EveryRateAndDurationGivesTheMeanOfItsHopsWithoutAllocating) {
     ScratchDir dir;
     GlobalInstance global;
-    registerModel(dir, writerFor(ringtoneRecords()), "ring");
+    registerModel(dir, writerOf(ringtoneRecords()), "ring");
     size_t allocations = 0;
     for (unsigned host : kRates) {
         const size_t hop = host / 100;
@@ -255,7 +235,7 @@ TEST(RingtoneSession, ReturnCodesSelectionByKindAndUnsupportedVersions) {
         registerModel(dir, cleanerModel(spec), "a16");
         spec.rate = 32000;
         registerModel(dir, cleanerModel(spec), "b32");
-        registerModel(dir, writerFor(ringtoneRecords()), "ring");
+        registerModel(dir, writerOf(ringtoneRecords()), "ring");
         // Whatever the name, ringtone sessions get the detector at their own rate and cleaning
         // sessions a cleaner by the usual rule: at 8 kHz, below both, the last cleaner.
         for (unsigned host : {8000u, 16000u, 44100u, 48000u}) {
@@ -307,7 +287,7 @@ TEST(RingtoneSession, ReturnCodesSelectionByKindAndUnsupportedVersions) {
     for (const Records& later : {ringtoneRecords(1, "0.0.7"), cleaner07}) {
         ScratchDir laterDir;
         GlobalInstance fresh;
-        registerModel(laterDir, writerFor(later), "later");
+        registerModel(laterDir, writerOf(later), "later");
         CaptureStderr();
         EXPECT_EQ(sonelAudioRingtoneCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "later"), nullptr);
         EXPECT_NE(GetCapturedStderr().find("Unsupported weight version"), std::string::npos);
@@ -330,7 +310,7 @@ TEST(RingtoneFlag, CleaningSessionsReportTheDetectorWithoutChangingTheirOutput) 
             return sonelAudioNcWithStatsCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "nc");
         };
         void* before = stats();  // made while no detector is registered
-        registerModel(dir, writerFor(ringtoneRecords()), "ring");
+        registerModel(dir, writerOf(ringtoneRecords()), "ring");
         // The threshold is the median of what a ringtone session at the cleaner's rate reports, so
         // both states occur.
         void* ring = sonelAudioRingtoneCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "ring");
@@ -393,7 +373,7 @@ TEST(RingtoneFlag, CleaningSessionsReportTheDetectorWithoutChangingTheirOutput) 
     registerModel(dir, cleanerModel(spec), "nc");
     Records bad = ringtoneRecords();
     bad["MU"] = std::vector<float>(3, 0.0f);
-    registerModel(dir, writerFor(bad), "bad");
+    registerModel(dir, writerOf(bad), "bad");
     void* session = sonelAudioNcWithStatsCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
     ASSERT_NE(session, nullptr);
     CaptureStderr();

@@ -7,7 +7,6 @@
 #include <cmath>
 #include <functional>
 #include <map>
-#include <random>
 #include <vector>
 
 #include "noise_canceller/noise_cleaner_v0_0_5.h"
@@ -20,9 +19,7 @@ using namespace sonel_test;
 using SONEL::CONTAINERS::Matrix;
 using SONEL::NOISE_CANCELLER::VadCleaner_v0_0_1;
 using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
 
 namespace {
 
@@ -93,20 +90,9 @@ Records withThresholds(Records r, float low, float best, float high) {
     return r;
 }
 
-SONEL::WEIGHTS::WeightWriter writerFor(const Records& records) {
-    SONEL::WEIGHTS::WeightWriter writer;
-    for (const auto& [name, value] : records) writer.add(name, value);
-    return writer;
-}
-
-SONEL::WEIGHTS::ModelPtr modelFrom(const Records& records,
-                                   const std::vector<std::pair<std::string, std::string>>& env = {}) {
-    auto weight = std::make_shared<SONEL::WEIGHTS::Weight>();
-    const std::vector<uint8_t> bytes = writerFor(records).toStream();
-    EXPECT_TRUE(weight->loadStream(bytes.data(), bytes.size())) << weight->message();
-    auto model = std::make_shared<SONEL::WEIGHTS::ModelPair>(weight, SONEL::CONTAINERS::AnyMap{});
-    for (const auto& [k, v] : env) model->second.set<std::string>(k, v);
-    return model;
+SONEL::WEIGHTS::ModelPtr modelOf(const Records& records,
+                                 const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    return modelFrom(writerOf(records), env);
 }
 
 float runBlock(VadCleaner_v0_0_1& vad, std::vector<float> block) {
@@ -115,24 +101,7 @@ float runBlock(VadCleaner_v0_0_1& vad, std::vector<float> block) {
     return block.empty() ? NAN : block[0];
 }
 
-void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWriter& writer,
-                   const std::string& name) {
-    const std::string path = dir.file(name + ".vlw");
-    ASSERT_TRUE(writer.writeFile(path));
-    CaptureStdout();
-    ASSERT_EQ(sonelAudioSetModel(wide(path).c_str(), name.c_str()), SONEL_AUDIO_OK);
-    GetCapturedStdout();
-}
-
 SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
-
-std::vector<float> noise(size_t n, float rms, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::normal_distribution<float> normal(0.0f, rms);
-    std::vector<float> x(n);
-    for (float& v : x) v = normal(rng);
-    return x;
-}
 
 }  // namespace
 
@@ -168,14 +137,14 @@ TEST(VadFrontEnd, SilenceGivesThePrefilledFeaturesAndOnlyLoudBlocksMoveTheLevel)
     }
     std::vector<std::pair<unsigned, float>> all;
     for (unsigned c = kState; c < kInput; ++c) all.push_back({c, 1.0f});
-    VadCleaner_v0_0_1 quiet(modelFrom(vadRecords(readout(all, 0.0f), mu, sd)), kRate);
+    VadCleaner_v0_0_1 quiet(modelOf(vadRecords(readout(all, 0.0f), mu, sd)), kRate);
     for (int b = 0; b < 3; ++b)
         EXPECT_NEAR(runBlock(quiet, std::vector<float>(kBlock, 0.0f)), 4 * silence,
                     1e-5 * std::fabs(4 * silence));
 
     // Level: the output is the newest frame's DC feature ln(P0 + 1) with MU 0 and SD 1, so
     // S = sqrt(e^raw − 1) is the windowed sum Σ w[i] · x[i] · gain of the analysed frame.
-    VadCleaner_v0_0_1 vad(modelFrom(vadRecords(readout({{kNewest, 1.0f}}, 0.0f))), kRate);
+    VadCleaner_v0_0_1 vad(modelOf(vadRecords(readout({{kNewest, 1.0f}}, 0.0f))), kRate);
     std::vector<double> w(kFrame);
     for (unsigned i = 0; i < kFrame; ++i) w[i] = 0.54 - 0.46 * std::cos(2 * M_PI * i / (kFrame - 1));
     const double a = 0.954992586021436;
@@ -222,8 +191,8 @@ TEST(VadNetwork, StateBlendsAfterTheFirstLayerWhileLaterLayersReadItsOutput) {
     net.nonLinearBias = {std::vector<float>(kState, -1.0f), {0.5f}};
     net.linear = {linear0, linear1, Matrix(1, 1, {1.0f})};
     net.linearBias = {bias0, {0.0f}, {0.0f}};
-    VadCleaner_v0_0_1 vad(modelFrom(vadRecords(net)), kRate);
-    for (int b = 1; b <= 6; ++b) EXPECT_FLOAT_EQ(runBlock(vad, noise(kBlock, 500.0f, b)), b + 1.5f) << b;
+    VadCleaner_v0_0_1 vad(modelOf(vadRecords(net)), kRate);
+    for (int b = 1; b <= 6; ++b) EXPECT_FLOAT_EQ(runBlock(vad, gaussianNoise(kBlock, 500.0f, b)), b + 1.5f) << b;
 }
 
 TEST(VadCalibration, ThresholdsMapMinimumBestF1AndMaximumToZeroHalfAndOne) {
@@ -235,12 +204,12 @@ TEST(VadCalibration, ThresholdsMapMinimumBestF1AndMaximumToZeroHalfAndOne) {
     for (const Case& c : {Case{1.0f, 0.5f}, Case{-0.5f, 0.25f}, Case{3.0f, 0.75f}, Case{-2.0f, 1e-5f},
                           Case{5.0f, 0.99999f}, Case{50.0f, 0.99999f}, Case{-50.0f, 1e-5f}}) {
         SCOPED_TRACE(c.raw);
-        VadCleaner_v0_0_1 vad(modelFrom(withThresholds(vadRecords(readout({}, c.raw)), -2.0f, 1.0f, 5.0f)),
+        VadCleaner_v0_0_1 vad(modelOf(withThresholds(vadRecords(readout({}, c.raw)), -2.0f, 1.0f, 5.0f)),
                               kRate);
-        EXPECT_FLOAT_EQ(runBlock(vad, noise(kBlock, 300.0f, 1)), c.expected);
+        EXPECT_FLOAT_EQ(runBlock(vad, gaussianNoise(kBlock, 300.0f, 1)), c.expected);
     }
     EXPECT_EQ(
-        VadCleaner_v0_0_1(modelFrom(withThresholds(vadRecords(readout({}, 1.0f)), -2.0f, 1.0f, 5.0f)), kRate)
+        VadCleaner_v0_0_1(modelOf(withThresholds(vadRecords(readout({}, 1.0f)), -2.0f, 1.0f, 5.0f)), kRate)
             .params()
             .thresholds,
         (std::vector<float>{-2.0f, 1.0f, 5.0f}));
@@ -253,9 +222,9 @@ TEST(VadCalibration, ThresholdsMapMinimumBestF1AndMaximumToZeroHalfAndOne) {
     noBest["Test_BestF1"] = std::vector<float>{};
     for (const auto& [records, raw] : {std::pair{vadRecords(readout({}, 7.5f)), 7.5f},
                                        std::pair{oneBound, 7.5f}, std::pair{noBest, -3.0f}}) {
-        VadCleaner_v0_0_1 vad(modelFrom(records), kRate);
+        VadCleaner_v0_0_1 vad(modelOf(records), kRate);
         EXPECT_TRUE(vad.params().thresholds.empty());
-        EXPECT_FLOAT_EQ(runBlock(vad, noise(kBlock, 300.0f, 2)), raw);
+        EXPECT_FLOAT_EQ(runBlock(vad, gaussianNoise(kBlock, 300.0f, 2)), raw);
     }
 }
 
@@ -274,11 +243,11 @@ TEST(VadWatchdog, StuckAtNoSpeechClearsTheStateAtBlocks301And601And901WhenSwitch
         SCOPED_TRACE(s.label);
         Records records = vadRecords(blockCounter());
         if (s.weightFlag) records["CONTROL_" + key] = std::string("t");
-        VadCleaner_v0_0_1 vad(modelFrom(records, s.env), kRate);
+        VadCleaner_v0_0_1 vad(modelOf(records, s.env), kRate);
         EXPECT_EQ(vad.params().stateResetEnabled, s.on);
         unsigned lastReset = 0;
         for (unsigned b = 1; b <= 1000; ++b) {
-            const float raw = runBlock(vad, noise(kBlock, 1000.0f, b));
+            const float raw = runBlock(vad, gaussianNoise(kBlock, 1000.0f, b));
             ASSERT_NEAR(raw, -10.0f - 0.001f * static_cast<float>(b - lastReset), 2e-5f) << "block " << b;
             // The reset clears the state after block 301's output, so block 302 counts from 1.
             if (s.on && (b == 301 || b == 601 || b == 901)) lastReset = b;
@@ -289,8 +258,8 @@ TEST(VadWatchdog, StuckAtNoSpeechClearsTheStateAtBlocks301And601And901WhenSwitch
 TEST(VadRealTime, NoAllocationPerBlockAfterWarmUp) {
     Records records = withThresholds(vadRecords(blockCounter()), -12.0f, -10.1f, -9.0f);
     records["CONTROL_VELTA_VAD_ENABLE_STATE_RESET_v0_0_1"] = std::string("t");
-    VadCleaner_v0_0_1 vad(modelFrom(records), kRate);
-    const std::vector<float> input = noise(kBlock * 1100, 3000.0f, 7);
+    VadCleaner_v0_0_1 vad(modelOf(records), kRate);
+    const std::vector<float> input = gaussianNoise(kBlock * 1100, 3000.0f, 7);
     std::vector<float> block;
     block.reserve(kBlock);
     size_t allocations = 0;
@@ -307,11 +276,11 @@ TEST(VadRealTime, NoAllocationPerBlockAfterWarmUp) {
     ScratchDir dir;
     GlobalInstance global;
     registerModel(dir,
-                  writerFor(withThresholds(vadRecords(readout({{kNewest, 1.0f}}, 0.0f)), 0.0f, 10.0f, 40.0f)),
+                  writerOf(withThresholds(vadRecords(readout({{kNewest, 1.0f}}, 0.0f)), 0.0f, 10.0f, 40.0f)),
                   "vad");
     void* session = sonelAudioVadCreateSession(rate(48000), SONEL_AUDIO_FRAME_10MS, "vad");
     ASSERT_NE(session, nullptr);
-    const std::vector<float> host = noise(480 * 300, 0.1f, 8);
+    const std::vector<float> host = gaussianNoise(480 * 300, 0.1f, 8);
     SonelAudioBandWidthInfo_t info{0, 0, 50};
     for (int f = 0; f < 300; ++f) {
         const size_t before = allocationCount();
@@ -379,7 +348,7 @@ TEST(VadModel, MalformedModelsAreRefusedWithTheReason) {
         Records records = good;
         c.apply(records);
         try {
-            VadCleaner_v0_0_1 vad(modelFrom(records), kRate);
+            VadCleaner_v0_0_1 vad(modelOf(records), kRate);
             ADD_FAILURE() << "accepted";
         } catch (const SONEL::UTILS::SonelException& e) {
             EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
@@ -391,7 +360,7 @@ TEST(VadModel, MalformedModelsAreRefusedWithTheReason) {
     GlobalInstance global;
     Records bad = good;
     bad["MU"] = std::vector<float>(60, 0.0f);
-    registerModel(dir, writerFor(bad), "bad");
+    registerModel(dir, writerOf(bad), "bad");
     CaptureStderr();
     EXPECT_EQ(sonelAudioVadCreateSession(rate(8000), SONEL_AUDIO_FRAME_10MS, "bad"), nullptr);
     EXPECT_NE(GetCapturedStderr().find("MU and SD need 61 values"), std::string::npos);
@@ -400,7 +369,7 @@ TEST(VadModel, MalformedModelsAreRefusedWithTheReason) {
 TEST(VadSession, EachKindOfSessionGetsItsKindOfModelAtEveryHostRate) {
     ScratchDir dir;
     GlobalInstance global;
-    registerModel(dir, writerFor(vadRecords(readout({}, 0.25f))), "vad");
+    registerModel(dir, writerOf(vadRecords(readout({}, 0.25f))), "vad");
     for (unsigned host : {8000u, 16000u, 48000u}) {
         SCOPED_TRACE(host);
         // Only a detector model is registered: a noise-cleaning session finds none.
@@ -412,7 +381,7 @@ TEST(VadSession, EachKindOfSessionGetsItsKindOfModelAtEveryHostRate) {
         EXPECT_NE(dynamic_cast<VadCleaner_v0_0_1*>(
                       &static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(session)->cleaner()),
                   nullptr);
-        const std::vector<float> frame = noise(host / 100, 0.05f, host);
+        const std::vector<float> frame = gaussianNoise(host / 100, 0.05f, host);
         EXPECT_FLOAT_EQ(sonelAudioVadFrameFloat(session, frame.data(), host / 100), 0.25f);
         EXPECT_EQ(sonelAudioVadCloseSession(session), SONEL_AUDIO_OK);
     }
@@ -442,7 +411,7 @@ TEST(VadSession, ReturnCodesOfTheFourFrameFunctions) {
     {
         ScratchDir dir;
         GlobalInstance global;
-        registerModel(dir, writerFor(vadRecords(readout({}, 0.25f))), "vad");
+        registerModel(dir, writerOf(vadRecords(readout({}, 0.25f))), "vad");
         registerModel(dir, cleanerModel(CleanerModelSpec{}), "nc");
         void* vad = sonelAudioVadCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "vad");
         void* nc = sonelAudioNcCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
@@ -492,7 +461,7 @@ TEST(VadSession, ReturnCodesOfTheFourFrameFunctions) {
     // A result outside [0, 1] (a model without calibration) is reported as −4 with the value.
     ScratchDir rawDir;
     GlobalInstance rawGlobal;  // a fresh registry: sessions take the detector by rate, not name
-    registerModel(rawDir, writerFor(vadRecords(readout({}, 7.5f))), "raw");
+    registerModel(rawDir, writerOf(vadRecords(readout({}, 7.5f))), "raw");
     void* raw = sonelAudioVadCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "raw");
     ASSERT_NE(raw, nullptr);
     CaptureStderr();
@@ -508,9 +477,9 @@ TEST(VadSession, LongerFramesGiveTheMeanOfTheirTenMillisecondBlocks) {
     GlobalInstance global;
     // Probability from the newest frame's DC feature, spread over (0, 1) by the thresholds.
     registerModel(dir,
-                  writerFor(withThresholds(vadRecords(readout({{kNewest, 1.0f}}, 0.0f)), 0.0f, 20.0f, 40.0f)),
+                  writerOf(withThresholds(vadRecords(readout({{kNewest, 1.0f}}, 0.0f)), 0.0f, 20.0f, 40.0f)),
                   "vad");
-    std::vector<float> input = noise(kBlock * 48, 0.05f, 3);
+    std::vector<float> input = gaussianNoise(kBlock * 48, 0.05f, 3);
     for (size_t i = 0; i < input.size(); ++i)
         input[i] *= static_cast<float>(1 + (i / kBlock) % 5) + 0.02f * (i % 7);
     void* reference = sonelAudioVadCreateSession(rate(kRate), SONEL_AUDIO_FRAME_10MS, "vad");
@@ -553,11 +522,11 @@ TEST(VadSession, ExFunctionsReportTheBandwidthOnceSpeechIsDetected) {
         // The registry picks the detector by rate, not by name, so each case has its own.
         ScratchDir dir;
         GlobalInstance global;
-        registerModel(dir, writerFor(vadRecords(readout({}, c.probability))), "vad");
+        registerModel(dir, writerOf(vadRecords(readout({}, c.probability))), "vad");
         void* session = sonelAudioVadCreateSession(rate(c.host), SONEL_AUDIO_FRAME_10MS, "vad");
         ASSERT_NE(session, nullptr);
         const unsigned frame = c.host / 100;
-        std::vector<float> x = noise(frame, 0.2f, 5);
+        std::vector<float> x = gaussianNoise(frame, 0.2f, 5);
         std::vector<short> pcm(frame);
         for (unsigned f = 1; f <= 10; ++f) {
             if (c.lowTone)

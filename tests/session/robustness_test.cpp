@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -23,14 +22,6 @@ const unsigned kHostRates[] = {8000, 16000, 24000, 32000, 44100, 48000, 88200, 9
 
 SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
 
-void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWriter& writer, const std::string& name) {
-    const std::string path = dir.file(name + ".vlw");
-    ASSERT_TRUE(writer.writeFile(path));
-    CaptureStdout();
-    ASSERT_EQ(sonelAudioSetModel(wide(path).c_str(), name.c_str()), SONEL_AUDIO_OK);
-    GetCapturedStdout();
-}
-
 // A random network: its recurrent state carries every input into later frames.
 CleanerModelSpec randomNetwork(unsigned modelRate, unsigned hopMs = 10) {
     CleanerModelSpec spec;
@@ -40,14 +31,6 @@ CleanerModelSpec randomNetwork(unsigned modelRate, unsigned hopMs = 10) {
     spec.outputBias = 0.0f;
     spec.hidden = 16;
     return spec;
-}
-
-std::vector<float> noiseSignal(size_t n, unsigned seed) {
-    std::mt19937 rng(seed);
-    std::normal_distribution<float> normal(0.0f, 0.05f);
-    std::vector<float> x(n);
-    for (float& v : x) v = normal(rng);
-    return x;
 }
 
 // `input` through a new session of `frame`-sample frames; empty when the session is refused.
@@ -80,7 +63,7 @@ TEST(SessionRobustness, NonFiniteAndHugeSamplesAreSilenceAndTheStreamRecovers) {
     const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
     for (unsigned host : {16000u, 48000u}) {
         const unsigned frame = host / 100;
-        const std::vector<float> audio = noiseSignal(frame * 60, host);
+        const std::vector<float> audio = gaussianNoise(frame * 60, 0.05f, host);
         for (float bad : {nan, inf, -inf, 1e35f, -3e38f}) {
             SCOPED_TRACE(std::to_string(host) + " Hz, bad sample " + std::to_string(bad));
             // Frame 10 holds bad samples among good ones; the reference has silence there.
@@ -143,7 +126,7 @@ TEST(SessionRobustness, EveryFrameDurationIsExactOrRefused) {
         // The stream in frames of one hop (10 ms), or of two for the 15 ms model, is the reference.
         const SonelAudioFrameDuration base = hopMs == 15 ? SONEL_AUDIO_FRAME_30MS : SONEL_AUDIO_FRAME_10MS;
         for (unsigned host : kHostRates) {
-            const std::vector<float> input = noiseSignal(host * 12 / 10, host);  // 1.2 s: whole frames of each
+            const std::vector<float> input = gaussianNoise(host * 12 / 10, 0.05f, host);  // 1.2 s: whole frames of each
             const std::vector<float> reference = cleaned(host, base, "default", input, host * base / 1000);
             for (SonelAudioFrameDuration duration : durations) {
                 SCOPED_TRACE(std::to_string(modelRate) + " Hz model with " + std::to_string(hopMs) + " ms hops, " +
@@ -176,12 +159,10 @@ TEST(SessionRobustness, EveryFrameDurationIsExactOrRefused) {
 
 TEST(SessionRobustness, DetectorSessionsAtEveryDurationDetectOrAreRefused) {
     GlobalInstance global;
-    CaptureStdout();
-    ASSERT_EQ(sonelAudioSetModel(wide(SONEL_SOURCE_DIR "/models/sonel-vad.vlw").c_str(), "detector"), SONEL_AUDIO_OK);
-    GetCapturedStdout();
+    registerModelFile(SONEL_SOURCE_DIR "/models/sonel-vad.vlw", "detector");
     size_t accepted = 0, refused = 0;
     for (unsigned host : kHostRates) {
-        const std::vector<float> input = noiseSignal(host * 12 / 10, host);
+        const std::vector<float> input = gaussianNoise(host * 12 / 10, 0.05f, host);
         for (unsigned ms : {0u, 5u, 10u, 15u, 20u, 25u, 30u, 40u, 50u}) {
             SCOPED_TRACE(std::to_string(host) + " Hz host, " + std::to_string(ms) + " ms");
             CaptureStderr();
@@ -229,7 +210,7 @@ TEST(SessionRobustness, HostileNumbersInAModelAreRefusedOrBounded) {
         const std::string said = GetCapturedStdout();
         EXPECT_NE(said.find("RUN_FRAME_COUNT"), std::string::npos) << said;
         EXPECT_LT(cost, 1u << 20);
-        std::vector<float> frame = noiseSignal(160, 3);
+        std::vector<float> frame = gaussianNoise(160, 0.05f, 3);
         EXPECT_EQ(sonelAudioNcCleanAmbientNoiseFloat(session, frame.data(), 160, frame.data(), 160), SONEL_AUDIO_OK);
         EXPECT_EQ(sonelAudioNcCloseSession(session), SONEL_AUDIO_OK);
         EXPECT_EQ(sonelAudioRemoveModel(name.c_str()), SONEL_AUDIO_OK);

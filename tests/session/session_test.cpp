@@ -26,22 +26,6 @@ const std::vector<unsigned> kHostRates = {8000, 16000, 24000, 32000, 44100, 4800
 
 SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
 
-// Registers `writer` as a quiet "vlw" model under `name`.
-void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWriter& writer,
-                   const std::string& name) {
-    const std::string path = dir.file(name + ".vlw");
-    ASSERT_TRUE(writer.writeFile(path));
-    CaptureStdout();
-    ASSERT_EQ(sonelAudioSetModel(wide(path).c_str(), name.c_str()), SONEL_AUDIO_OK);
-    GetCapturedStdout();
-}
-
-std::vector<float> sine(size_t n, double hz, double fs, float amplitude) {
-    std::vector<float> x(n);
-    for (size_t i = 0; i < n; ++i) x[i] = amplitude * static_cast<float>(std::sin(2 * M_PI * hz * i / fs));
-    return x;
-}
-
 // Runs `input` through an NC session in 10 ms frames; every call must succeed.
 std::vector<float> runSession(void* session, const std::vector<float>& input, unsigned frame) {
     std::vector<float> output(input.size());

@@ -62,11 +62,9 @@ std::vector<char> readFile(const std::string& path) {
 TEST(SessionThreads, StreamsOnEightThreadsMatchTheSameStreamsAlone) {
     const std::string models = std::string(SONEL_SOURCE_DIR) + "/models/";
     GlobalInstance global;
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(sonelAudioSetModel(wide(models + "sonel-nc-32k.vlw").c_str(), "wide"), SONEL_AUDIO_OK);
-    ASSERT_EQ(sonelAudioSetModel(wide(models + "sonel-nc-16k.vlw").c_str(), "narrow"), SONEL_AUDIO_OK);
-    ASSERT_EQ(sonelAudioSetModel(wide(models + "sonel-vad.vlw").c_str(), "detector"), SONEL_AUDIO_OK);
-    testing::internal::GetCapturedStdout();
+    registerModelFile(models + "sonel-nc-32k.vlw", "wide");
+    registerModelFile(models + "sonel-nc-16k.vlw", "narrow");
+    registerModelFile(models + "sonel-vad.vlw", "detector");
     const std::vector<char> churnBlob = readFile(models + "sonel-nc-16k.sw");
     ASSERT_FALSE(churnBlob.empty());
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -29,25 +28,15 @@ std::vector<double> frameLevels(const std::string& text) {
 }  // namespace
 
 TEST(NoiseLevelTool, StereoReadsAsItsLouderChannelSilenceAsTheFloorAndBadOptionsAreRefused) {
-    // Left: noise at −50 dBFS (below 2 kHz: two one-pole low-passes at 1 kHz) throughout; right:
-    // the same noise 20 dB louder for two seconds, then digital silence. 48 kHz, the embedded
-    // 32 kHz cleaner behind the session's resampler.
+    // Left: noise below 2 kHz at −50 dBFS throughout; right: the same noise 20 dB louder for two
+    // seconds, then digital silence. 48 kHz, the embedded 32 kHz cleaner behind the session's
+    // resampler.
     constexpr int rate = 48000;
-    std::mt19937 rng(1);
-    std::normal_distribution<double> normal(0.0, 1.0);
-    const double a = std::exp(-2.0 * M_PI * 1000.0 / rate);
-    std::vector<float> stereo(2 * 4 * rate);
-    double y1 = 0.0, y2 = 0.0, power = 0.0;
-    for (size_t i = 0; i < stereo.size() / 2; ++i) {
-        y1 = a * y1 + (1.0 - a) * normal(rng);
-        y2 = a * y2 + (1.0 - a) * y1;
-        power += y2 * y2;
-        stereo[2 * i] = static_cast<float>(y2);
-    }
-    const double gain = std::pow(10.0, -50.0 / 20.0) / std::sqrt(power / (4 * rate));
-    for (size_t i = 0; i < stereo.size() / 2; ++i) {
-        stereo[2 * i] *= static_cast<float>(gain);
-        if (i < 2 * rate) stereo[2 * i + 1] = 10.0f * stereo[2 * i];
+    const std::vector<float> left = rumble(4 * rate, rate, -50.0, 1);
+    std::vector<float> stereo(2 * left.size(), 0.0f);
+    for (size_t i = 0; i < left.size(); ++i) {
+        stereo[2 * i] = left[i];
+        if (i < 2 * rate) stereo[2 * i + 1] = 10.0f * left[i];
     }
     ScratchDir dir;
     const std::string wav = dir.file("noise.wav");
