@@ -146,14 +146,14 @@ TEST(WeightFile, FormIsChosenByExtensionAndChecked) {
         {"stray-bytes.sw", concat({enciphered({0, 2, 0, 0}), Bytes{1, 2}}), ""},
     };
     const ScratchDir scratch;
-    const std::string& dir = scratch.path();
+    const std::string dir = scratch.path().string();
     std::filesystem::create_directory(dir + "/folder.vlw");
     CaptureStdout();  // the empty ones print the nothing-added warning
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
         if (c.bytes) writeBytes(dir + "/" + c.file, *c.bytes);
         Weight weight;
-        EXPECT_EQ(weight.load(widen(dir + "/" + c.file)), *c.message == '\0');
+        EXPECT_EQ(weight.load(wide(dir + "/" + c.file)), *c.message == '\0');
         EXPECT_EQ(weight.message(), c.message);
         if (*c.message) EXPECT_TRUE(weight.records().empty());
     }
@@ -162,7 +162,7 @@ TEST(WeightFile, FormIsChosenByExtensionAndChecked) {
     // The wide path reaches the file system as UTF-8.
     writeBytes(dir + "/mod\xC3\xA8le-\xF0\x9F\x8E\xA4.vlw", vlw);
     Weight weight;
-    EXPECT_TRUE(weight.load(widen(dir) + L"/mod\u00e8le-\U0001F3A4.vlw")) << weight.message();
+    EXPECT_TRUE(weight.load(wide(dir) + L"/mod\u00e8le-\U0001F3A4.vlw")) << weight.message();
     EXPECT_EQ(weight.records().size(), sampleWriter().records().size());
 }
 
@@ -178,11 +178,11 @@ TEST(WeightStream, EmptyStreamLoadsWithWarningOnStdout) {
         EXPECT_EQ(weight.message(), "");
     }
     const ScratchDir scratch;
-    const std::string& dir = scratch.path();
+    const std::string dir = scratch.path().string();
     writeBytes(dir + "/empty.vlw", {});
     Weight weight;
     CaptureStdout();
-    EXPECT_TRUE(weight.load(widen(dir + "/empty.vlw")));
+    EXPECT_TRUE(weight.load(wide(dir + "/empty.vlw")));
     EXPECT_EQ(GetCapturedStdout(), kNothingAdded);
 
     const Bytes sample = sampleWriter().toStream();
@@ -273,7 +273,7 @@ TEST(WeightFile, NonFiniteValueInAnyFloatRecordRefusesTheModel) {
         };
     };
     const ScratchDir scratch;
-    const std::string& dir = scratch.path();
+    const std::string dir = scratch.path().string();
     // Quiet and signalling NaN of both signs, and both infinities.
     for (uint32_t bits : {0x7fc00000u, 0xffc00000u, 0x7f800001u, 0x7f800000u, 0xff800000u}) {
         for (const auto& [name, record] : records(bits)) {
@@ -286,8 +286,8 @@ TEST(WeightFile, NonFiniteValueInAnyFloatRecordRefusesTheModel) {
             Weight forms[4];
             EXPECT_FALSE(forms[0].loadStream(stream.data(), stream.size()));
             EXPECT_FALSE(forms[1].loadBlob(blob.data(), blob.size()));
-            EXPECT_FALSE(forms[2].load(widen(dir + "/model.vlw")));
-            EXPECT_FALSE(forms[3].load(widen(dir + "/model.sw")));
+            EXPECT_FALSE(forms[2].load(wide(dir + "/model.vlw")));
+            EXPECT_FALSE(forms[3].load(wide(dir + "/model.sw")));
             for (const Weight& weight : forms) {
                 EXPECT_EQ(weight.message(),
                           "Weight record " + std::string(name) + " holds a non-finite value!");
@@ -311,7 +311,7 @@ TEST(WeightFile, ModelWithNonFiniteValueIsNotRegistered) {
     // Whichever way a host hands the model over, the registry refuses it as it refuses an
     // unreadable file, and accepts the same model once the value is finite (2.0f, last).
     const ScratchDir scratch;
-    const std::string& dir = scratch.path();
+    const std::string dir = scratch.path().string();
     std::ofstream(dir + "/model.cfg") << "WEIGHT model.vlw\n";
     ASSERT_EQ(sonelAudioGlobalInit(nullptr), SONEL_AUDIO_OK);
     CaptureStdout();
@@ -325,9 +325,9 @@ TEST(WeightFile, ModelWithNonFiniteValueIsNotRegistered) {
         writeBytes(dir + "/model.sw", blob);
         EXPECT_EQ(sonelAudioSetModelBlob(blob.data(), static_cast<unsigned>(blob.size()), "blob"),
                   expected);
-        EXPECT_EQ(sonelAudioSetModel(widen(dir + "/model.sw").c_str(), "sw"), expected);
-        EXPECT_EQ(sonelAudioSetModel(widen(dir + "/model.vlw").c_str(), "vlw"), expected);
-        EXPECT_EQ(sonelAudioSetModel(widen(dir + "/model.cfg").c_str(), "cfg"), expected);
+        EXPECT_EQ(sonelAudioSetModel(wide(dir + "/model.sw").c_str(), "sw"), expected);
+        EXPECT_EQ(sonelAudioSetModel(wide(dir + "/model.vlw").c_str(), "vlw"), expected);
+        EXPECT_EQ(sonelAudioSetModel(wide(dir + "/model.cfg").c_str(), "cfg"), expected);
     }
     for (const char* name : {"blob", "sw", "vlw", "cfg"})
         EXPECT_EQ(sonelAudioRemoveModel(name), SONEL_AUDIO_OK);

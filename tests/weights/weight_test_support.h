@@ -1,8 +1,7 @@
 #pragma once
-// Shared by the weight tests: a model with every record type, scratch folders and file helpers.
+// Shared by the weight tests: a model with every record type and file helpers.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "test_support.h"
 #include "weights/weight_writer.h"
 
 namespace weight_test {
@@ -20,6 +20,8 @@ using Bytes = std::vector<uint8_t>;
 using SONEL::CONTAINERS::Matrix;
 using SONEL::WEIGHTS::Weight;
 using SONEL::WEIGHTS::WeightWriter;
+using sonel_test::ScratchDir;
+using sonel_test::wide;
 
 // Every record type, with edge values (negative zero, a denormal, the largest float, empty
 // containers, a 0 x 5 matrix, a UTF-8 name). Added in name order, which is the order a loaded
@@ -43,31 +45,6 @@ inline WeightWriter sampleWriter() {
     return writer;
 }
 
-// A folder of its own for the running test, removed afterwards. The process id keeps a plain
-// and a sanitizer build that run side by side apart.
-class ScratchDir {
-public:
-    ScratchDir() {
-        const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-        path_ = (std::filesystem::path(testing::TempDir()) /
-                 (std::string("sonel_") + test->test_suite_name() + "_" + test->name() + "_" +
-                  std::to_string(::getpid())))
-                    .string();
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~ScratchDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
 inline void writeBytes(const std::string& path, const Bytes& bytes) {
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()),
@@ -77,10 +54,6 @@ inline void writeBytes(const std::string& path, const Bytes& bytes) {
 inline Bytes readBytes(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline std::wstring widen(const std::string& ascii) {
-    return std::wstring(ascii.begin(), ascii.end());
 }
 
 // `call` must throw SonelException with `message`, raised at `location`

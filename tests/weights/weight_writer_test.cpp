@@ -57,15 +57,15 @@ TEST(WeightWriter, EveryRecordTypeRoundTripsThroughEachForm) {
     const Bytes stream = sample.toStream();
     const Bytes blob = sample.toEnciphered();
     const ScratchDir scratch;
-    const std::string& dir = scratch.path();
+    const std::string dir = scratch.path().string();
     ASSERT_TRUE(sample.writeFile(dir + "/model.vlw"));
     ASSERT_TRUE(sample.writeFile(dir + "/model.sw"));
     EXPECT_EQ(readBytes(dir + "/model.vlw"), stream);
     EXPECT_EQ(readBytes(dir + "/model.sw"), blob);
 
     Weight fromVlw, fromSw, fromBlob;
-    ASSERT_TRUE(fromVlw.load(widen(dir + "/model.vlw"))) << fromVlw.message();
-    ASSERT_TRUE(fromSw.load(widen(dir + "/model.sw"))) << fromSw.message();
+    ASSERT_TRUE(fromVlw.load(wide(dir + "/model.vlw"))) << fromVlw.message();
+    ASSERT_TRUE(fromSw.load(wide(dir + "/model.sw"))) << fromSw.message();
     ASSERT_TRUE(fromBlob.loadBlob(blob.data(), blob.size())) << fromBlob.message();
     for (const Weight* loaded : {&fromVlw, &fromSw, &fromBlob}) {
         // The sample is in name order, so writing a loaded copy again must give the same bytes,
@@ -136,7 +136,7 @@ TEST(PythonWeights, WriterAndReaderMatchTheLibraryBytes) {
         GTEST_SKIP() << "/usr/bin/python3 with numpy is needed to check tools/sonel_weights.py";
     const WeightWriter sample = sampleWriter();
     const ScratchDir scratch;
-    const std::string& dir = scratch.path();
+    const std::string dir = scratch.path().string();
     std::ofstream(dir + "/records.json") << jsonRecords(sample);
     ASSERT_TRUE(sample.writeFile(dir + "/cpp.vlw"));
     ASSERT_TRUE(sample.writeFile(dir + "/cpp.sw"));
@@ -158,7 +158,7 @@ TEST(PythonWeights, WriterAndReaderMatchTheLibraryBytes) {
 TEST(SonelTool, PacksUnpacksAndDescribesModels) {
     const WeightWriter sample = sampleWriter();
     const ScratchDir scratch;
-    const std::string& dir = scratch.path();
+    const std::string dir = scratch.path().string();
     ASSERT_TRUE(sample.writeFile(dir + "/in.vlw"));
     const std::string sonel = "cd '" + dir + "' && '" SONEL_TOOL "' ";
 
