@@ -12,6 +12,7 @@
 
 #include "sonel_audio_sdk/session.h"
 #include "test_support.h"
+#include "tools/tool_test_support.h"
 
 using namespace sonel_test;
 
@@ -21,28 +22,10 @@ const std::string kModel = SONEL_SOURCE_DIR "/models/sonel-nc-32k.sw";
 const std::string kNoisySample = SONEL_SOURCE_DIR "/models/demo/noisy-sample.flac";
 
 std::vector<float> readMono(const std::string& path, int* rate) {
-    SF_INFO info{};
-    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f || info.channels != 1) {
-        if (f) sf_close(f);
-        return {};
-    }
-    std::vector<float> samples(static_cast<size_t>(info.frames));
-    samples.resize(static_cast<size_t>(sf_readf_float(f, samples.data(), info.frames)));
-    sf_close(f);
+    SF_INFO info;
+    const std::vector<float> samples = readAudio(path, info);
     *rate = info.samplerate;
-    return samples;
-}
-
-void writeFloatWav(const std::string& path, const std::vector<float>& samples, int rate) {
-    SF_INFO info{};
-    info.channels = 1;
-    info.samplerate = rate;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_NE(f, nullptr);
-    sf_writef_float(f, samples.data(), static_cast<sf_count_t>(samples.size()));
-    sf_close(f);
+    return info.channels == 1 ? samples : std::vector<float>{};
 }
 
 // The delay a 48 kHz session on the shipped model adds, which `sonel denoise` takes off.
@@ -74,10 +57,10 @@ TEST(FilterHost, CleansLikeSonelDenoiseAt48kInThreeBands) {
     ASSERT_GT(noisy.size(), 48000u);
     ScratchDir dir;
     const std::string in = dir.file("noisy.wav"), host = dir.file("host.wav"), tool = dir.file("tool.wav");
-    writeFloatWav(in, noisy, rate);
+    writeWav(in, noisy, 1, rate);
 
     ASSERT_EQ(std::system(("'" SONEL_FILTER_HOST "' '" + in + "' '" + host + "'").c_str()), 0);
-    ASSERT_EQ(std::system(("'" SONEL_TOOL "' denoise '" + in + "' '" + tool + "' --model '" + kModel + "'").c_str()), 0);
+    ASSERT_EQ(sonel("denoise '" + in + "' '" + tool + "' --model '" + kModel + "'"), 0);
     int hostRate = 0, toolRate = 0;
     const std::vector<float> hostOut = readMono(host, &hostRate), toolOut = readMono(tool, &toolRate);
     ASSERT_EQ(hostOut.size(), noisy.size());
