@@ -366,7 +366,7 @@ TEST(VadModel, MalformedModelsAreRefusedWithTheReason) {
     EXPECT_NE(GetCapturedStderr().find("MU and SD need 61 values"), std::string::npos);
 }
 
-TEST(VadSession, EachKindOfSessionGetsItsKindOfModelAtEveryHostRate) {
+TEST(VadSession, EachKindOfSessionGetsItsKindOfModelAndFrameFunctionsReturnTheirCodes) {
     ScratchDir dir;
     GlobalInstance global;
     registerModel(dir, writerOf(vadRecords(readout({}, 0.25f))), "vad");
@@ -387,6 +387,9 @@ TEST(VadSession, EachKindOfSessionGetsItsKindOfModelAtEveryHostRate) {
     }
     // With a cleaner registered too (under any name), each kind of session takes its own kind.
     registerModel(dir, cleanerModel(CleanerModelSpec{}), "nc");
+    std::vector<float> samples(160, 0.01f);
+    std::vector<short> pcm(160, 300);
+    SonelAudioBandWidthInfo_t info{0, 0, 100};
     for (const char* name : {"vad", "nc"}) {
         SCOPED_TRACE(name);
         void* nc = sonelAudioNcCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, name);
@@ -399,24 +402,6 @@ TEST(VadSession, EachKindOfSessionGetsItsKindOfModelAtEveryHostRate) {
                   nullptr);
         EXPECT_NE(dynamic_cast<VadCleaner_v0_0_1*>(&static_cast<SonelAudioSessionT*>(vad)->cleaner()),
                   nullptr);
-        EXPECT_EQ(sonelAudioNcCloseSession(nc), SONEL_AUDIO_OK);
-        EXPECT_EQ(sonelAudioVadCloseSession(vad), SONEL_AUDIO_OK);
-    }
-}
-
-TEST(VadSession, ReturnCodesOfTheFourFrameFunctions) {
-    std::vector<float> samples(160, 0.01f);
-    std::vector<short> pcm(160, 300);
-    SonelAudioBandWidthInfo_t info{0, 0, 100};
-    {
-        ScratchDir dir;
-        GlobalInstance global;
-        registerModel(dir, writerOf(vadRecords(readout({}, 0.25f))), "vad");
-        registerModel(dir, cleanerModel(CleanerModelSpec{}), "nc");
-        void* vad = sonelAudioVadCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "vad");
-        void* nc = sonelAudioNcCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
-        ASSERT_NE(vad, nullptr);
-        ASSERT_NE(nc, nullptr);
         EXPECT_FLOAT_EQ(sonelAudioVadFrameFloat(vad, samples.data(), 160), 0.25f);
         EXPECT_FLOAT_EQ(sonelAudioVadFrameFloatEx(vad, samples.data(), 160, &info), 0.25f);
         EXPECT_FLOAT_EQ(sonelAudioVadFrameInt16(vad, pcm.data(), 160), 0.25f);
@@ -453,15 +438,17 @@ TEST(VadSession, ReturnCodesOfTheFourFrameFunctions) {
                   SONEL_AUDIO_WRONG_SESSION);
         EXPECT_EQ(sonelAudioNcCloseSession(vad), SONEL_AUDIO_SONEL_EXCEPTION);
         GetCapturedStderr();
-
-        EXPECT_EQ(sonelAudioVadCloseSession(vad), SONEL_AUDIO_OK);
         EXPECT_EQ(sonelAudioNcCloseSession(nc), SONEL_AUDIO_OK);
+        EXPECT_EQ(sonelAudioVadCloseSession(vad), SONEL_AUDIO_OK);
     }
+}
 
-    // A result outside [0, 1] (a model without calibration) is reported as −4 with the value.
-    ScratchDir rawDir;
-    GlobalInstance rawGlobal;  // a fresh registry: sessions take the detector by rate, not name
-    registerModel(rawDir, writerOf(vadRecords(readout({}, 7.5f))), "raw");
+TEST(VadSession, UncalibratedResultOutsideZeroToOneIsReportedAsMinusFour) {
+    // A model without calibration: the raw value is reported on standard error.
+    ScratchDir dir;
+    GlobalInstance global;
+    registerModel(dir, writerOf(vadRecords(readout({}, 7.5f))), "raw");
+    std::vector<float> samples(160, 0.01f);
     void* raw = sonelAudioVadCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "raw");
     ASSERT_NE(raw, nullptr);
     CaptureStderr();
