@@ -34,7 +34,7 @@ const SONEL::WEIGHTS::ModelPtr& model(const std::string& name) {
 
 }  // namespace
 
-TEST(RegistryLifetime, ReferenceCountedInitAndDestroy) {
+TEST(RegistryLifetime, ReferenceCountedInitAndDestroyAndTheWorkingFolderOfRelativePaths) {
     SonelAudioVersionInfo version{1, 1, 1, 1};
     CaptureStderr();
     EXPECT_EQ(sonelAudioGetVersion(&version), SONEL_AUDIO_SONEL_EXCEPTION);
@@ -58,8 +58,14 @@ TEST(RegistryLifetime, ReferenceCountedInitAndDestroy) {
     EXPECT_EQ(sonelAudioGetVersion(nullptr), SONEL_AUDIO_UNKNOWN_EXCEPTION);
     EXPECT_EQ(GetCapturedStderr(), "Null pointer received\n");
 
-    ASSERT_EQ(sonelAudioGlobalInit(L"/opt/sonel"), SONEL_AUDIO_OK);
-    EXPECT_EQ(SonelAudioInstanceT::Instance(GET)->workingFolder(), L"/opt/sonel/");
+    // A relative model path is taken from the working folder the first init named.
+    ScratchDir dir;
+    ASSERT_TRUE(headerRecords("9.9.9", 16000, 160).writeFile(dir.file("model.vlw")));
+    ASSERT_EQ(sonelAudioGlobalInit(wide(dir.path().string()).c_str()), SONEL_AUDIO_OK);
+    EXPECT_EQ(SonelAudioInstanceT::Instance(GET)->workingFolder(), wide(dir.path().string() + "/"));
+    CaptureStdout();
+    EXPECT_EQ(setModel("model.vlw", "relative"), SONEL_AUDIO_OK);
+    EXPECT_EQ(GetCapturedStdout(), "WEIGHT " + dir.file("model.vlw") + "\n");
     EXPECT_EQ(sonelAudioGlobalDestroy(), SONEL_AUDIO_OK);
 }
 
@@ -141,16 +147,6 @@ TEST(ModelRegistry, FileFormsNamesAndRefusals) {
     EXPECT_EQ(sonelAudioRemoveModel("plain"), SONEL_AUDIO_SONEL_EXCEPTION);
     EXPECT_EQ(GetCapturedStdout(), "WARNING model name doesn't exist\n");
     EXPECT_NE(GetCapturedStderr().find("messege ERROR Remove model."), std::string::npos);
-}
-
-TEST(ModelRegistry, RelativePathsAreTakenFromTheWorkingFolder) {
-    ScratchDir dir;
-    ASSERT_TRUE(headerRecords("9.9.9", 16000, 160).writeFile(dir.file("model.vlw")));
-    ASSERT_EQ(sonelAudioGlobalInit(wide(dir.path().string()).c_str()), SONEL_AUDIO_OK);
-    CaptureStdout();
-    EXPECT_EQ(setModel("model.vlw", "relative"), SONEL_AUDIO_OK);
-    EXPECT_EQ(GetCapturedStdout(), "WEIGHT " + dir.file("model.vlw") + "\n");
-    EXPECT_EQ(sonelAudioGlobalDestroy(), SONEL_AUDIO_OK);
 }
 
 TEST(ModelRegistry, WeightCacheSharesOneReadPerBaseNameOrBlobIdentity) {
