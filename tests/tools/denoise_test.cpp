@@ -30,7 +30,9 @@ TEST(Denoise, OutputIsAlignedWithTheInputAndAsLong) {
     ScratchDir dir;
     CleanerModelSpec spec;
     spec.rate = 32000;
-    ASSERT_TRUE(cleanerModel(spec).writeFile(dir.file("pass.sw")));
+    // A model path outside ASCII reaches the file system intact through the tool's wide path.
+    const std::string model = dir.file("modèle-ß-模型.sw");
+    ASSERT_TRUE(cleanerModel(spec).writeFile(model));
     for (int rate : {16000, 44100, 48000}) {
         SCOPED_TRACE(rate);
         // Two channels of different noise bursts: any misalignment or channel mix-up shows.
@@ -43,7 +45,7 @@ TEST(Denoise, OutputIsAlignedWithTheInputAndAsLong) {
             in[2 * i + 1] = 0.3f * std::sin(2 * M_PI * 300.0 * i / rate);
         }
         writeWav(dir.file("in.wav"), in, 2, rate);
-        ASSERT_EQ(sonel("denoise " + dir.file("in.wav") + " " + dir.file("out.wav") + " --model " + dir.file("pass.sw")), 0);
+        ASSERT_EQ(sonel("denoise " + dir.file("in.wav") + " " + dir.file("out.wav") + " --model '" + model + "'"), 0);
         SF_INFO info;
         const std::vector<float> out = readAudio(dir.file("out.wav"), info);
         ASSERT_EQ(info.frames, static_cast<sf_count_t>(length));
@@ -167,15 +169,4 @@ TEST(Denoise, EmptyInputGivesAnEmptyOutputOfTheSameFormat) {
         EXPECT_EQ(written.channels, 2);
         EXPECT_EQ(written.samplerate, 48000);
     }
-}
-
-TEST(Denoise, ModelPathMayHoldNonAsciiCharacters) {
-    ScratchDir dir;
-    const std::string model = dir.file("modèle-ß-模型.vlw");
-    std::filesystem::copy_file(SONEL_SOURCE_DIR "/models/sonel-nc-16k.vlw", model);
-    writeWav(dir.file("in.wav"), std::vector<float>(1600, 0.1f), 1, 16000);
-    std::string output;
-    EXPECT_EQ(sonel("denoise " + dir.file("in.wav") + " " + dir.file("out.wav") + " --model '" + model + "'", &output), 0)
-        << output;
-    EXPECT_TRUE(std::filesystem::exists(dir.file("out.wav")));
 }
