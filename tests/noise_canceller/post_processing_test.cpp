@@ -36,17 +36,16 @@ std::vector<float> shaped(const MaskParams& params, std::vector<float> mask) {
 
 }  // namespace
 
-TEST(MaskPostProcessing, DefaultsSquareTheMaskAndRescale) {
-    std::string printed;
-    const MaskParams params = readParams({}, &printed);
-    EXPECT_EQ(printed, "");
-    EXPECT_TRUE(params.rescaleEnabled);
-    EXPECT_EQ(params.compressRate, 2u);
-    EXPECT_THAT(shaped(params, {0.0f, 0.5f, 0.9f, 1.0f}),
-                testing::Pointwise(testing::FloatNear(1e-6f), std::vector<float>({0.0f, 0.25f, 0.81f, 1.0f})));
-}
-
 TEST(MaskPostProcessing, ShapingSwitchesInOrder) {
+    // By default the mask is squared and rescaled.
+    std::string printed;
+    const MaskParams defaults = readParams({}, &printed);
+    EXPECT_EQ(printed, "");
+    EXPECT_TRUE(defaults.rescaleEnabled);
+    EXPECT_EQ(defaults.compressRate, 2u);
+    EXPECT_THAT(shaped(defaults, {0.0f, 0.5f, 0.9f, 1.0f}),
+                testing::Pointwise(testing::FloatNear(1e-6f), std::vector<float>({0.0f, 0.25f, 0.81f, 1.0f})));
+
     // Soft modification: below the 0.05 knee a gain is only softened (kept far above its
     // square), well above it the gain is squared.
     const MaskParams soft = readParams({{"SONEL_SMOOT_RM_MODIFY_v0_0_5", "TRUE"}});

@@ -99,19 +99,14 @@ TEST(CyclicBlockData, AppendsCompactsAndResets) {
     EXPECT_EQ(std::vector<float>(buf.data(), buf.data() + buf.size()), std::vector<float>(7, 0.0f));
 }
 
-TEST(FFT, CreateRejectsOddAndZeroSizes) {
-    EXPECT_EQ(FFT::create(0), nullptr);
-    EXPECT_EQ(FFT::create(441), nullptr);
-    const auto fft = FFT::create(440);
-    ASSERT_NE(fft, nullptr);
-    EXPECT_EQ(fft->size(), 440u);
-}
-
 TEST(FFT, MatchesNaiveDftAndRoundTripsWithoutAllocating) {
+    EXPECT_EQ(FFT::create(0), nullptr);  // only even sizes have a real-input plan
+    EXPECT_EQ(FFT::create(441), nullptr);
     for (size_t n : kModelFftSizes) {
         SCOPED_TRACE(n);
         const auto fft = FFT::create(n);
         ASSERT_NE(fft, nullptr);
+        EXPECT_EQ(fft->size(), n);
         const std::vector<float> x = randomBlock(n, static_cast<unsigned>(n));
         std::vector<std::complex<float>> X(n / 2 + 1);
         std::vector<float> back(n);
