@@ -1,6 +1,7 @@
-// The v0.0.6 cleaner: malformed models, which "0.0.6" files cleaning sessions take, sessions at
-// 16 and 48 kHz hosts without allocation per frame, reset, and its post-processing keys. Its
-// numbers are held against the NumPy reference in reference_parity_test.cpp.
+// The layer-normalised cleaners, v0.0.6 and its separable-dense form v0.0.7: malformed models,
+// which files cleaning sessions take, sessions at 16 and 48 kHz hosts without allocation per
+// frame, reset, and their post-processing keys. Their numbers are held against the NumPy
+// reference in reference_parity_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -11,6 +12,7 @@
 
 #include "noise_canceller/band_layout.h"
 #include "noise_canceller/noise_cleaner_v0_0_6.h"
+#include "noise_canceller/noise_cleaner_v0_0_7.h"
 #include "sonel_audio_sdk/session.h"
 #include "test_support.h"
 #include "utils/alloc_counter.h"
@@ -18,6 +20,7 @@
 using namespace sonel_test;
 using SONEL::CONTAINERS::Matrix;
 using SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_6;
+using SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_7;
 using SONEL::SONEL_AUDIO::SonelAudioSessionT;
 using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
@@ -79,6 +82,28 @@ Records cleanerRecords(unsigned seed = 1) {
             {"BiasNonLinearNorm", Vectors{values(kOut, 0)}}};
 }
 
+// The same model as a 0.0.7 file: the 0.0.7 filter records (the end one past the last bin) and
+// compress-rate key, its GRU and first output layer in `groups` groups (their matrices cut to
+// the columns each group reads).
+Records v007Records(unsigned groups) {
+    Records r = cleanerRecords();
+    r["Version"] = std::string("0.0.7");
+    r["FilterBegin"] = r["FiltrBegin"];
+    r["FilterEnd"] = kRate / 100 + 1;
+    r["CONTROL_SONEL_COMPRESS_RATE_v0_0_7"] = kCompress;
+    for (const char* old : {"FiltrBegin", "FiltrEnd", "CONTROL_VELTA_COMPRESS_RATE_v0_0_6"}) r.erase(old);
+    auto narrow = [](Matrix& m, unsigned columns) {
+        Matrix cut(m.rows, columns);
+        for (unsigned i = 0; i < m.rows; ++i)
+            for (unsigned c = 0; c < columns; ++c) cut.at(i, c) = m.at(i, c);
+        m = cut;
+    };
+    narrow(std::get<Matrix>(r["WeightGRU"]), (kWidth + kHidden) / groups);
+    narrow(std::get<Matrix>(r["WeightGRU_reset"]), (kWidth + kHidden) / groups);
+    narrow(std::get<std::vector<Matrix>>(r["WeightNonLinear"])[0], kHidden / groups);
+    return r;
+}
+
 SONEL::WEIGHTS::WeightWriter writerFor(const Records& records) {
     SONEL::WEIGHTS::WeightWriter writer;
     for (const auto& [name, value] : records) writer.add(name, value);
@@ -133,6 +158,20 @@ std::vector<float> cleanedBySession(const Records& model, const std::vector<floa
     return out;
 }
 
+// What building a cleaner of class C from `records` throws, or "accepted".
+template <class C>
+std::string refusal(const Records& records) {
+    CaptureStdout();
+    try {
+        C cleaner(modelFrom(records), kRate);
+        GetCapturedStdout();
+        return "accepted";
+    } catch (const SONEL::UTILS::SonelException& e) {
+        GetCapturedStdout();
+        return e.what();
+    }
+}
+
 }  // namespace
 
 TEST(NoiseCleanerV006, MalformedRecordsAreRefusedByName) {
@@ -171,15 +210,8 @@ TEST(NoiseCleanerV006, MalformedRecordsAreRefusedByName) {
         SCOPED_TRACE(change);
         Records records = cleanerRecords();
         apply(records);
-        try {
-            CaptureStdout();
-            NoiseCleaner_v0_0_6 cleaner(modelFrom(records), kRate);
-            GetCapturedStdout();
-            ADD_FAILURE() << "accepted";
-        } catch (const SONEL::UTILS::SonelException& e) {
-            GetCapturedStdout();
-            EXPECT_NE(std::string(e.what()).find(message), std::string::npos) << e.what();
-        }
+        const std::string what = refusal<NoiseCleaner_v0_0_6>(records);
+        EXPECT_NE(what.find(message), std::string::npos) << what;
     }
 
     // Through the C interface: a malformed cleaner is refused with the reason, and a "0.0.6" file
@@ -199,64 +231,72 @@ TEST(NoiseCleanerV006, MalformedRecordsAreRefusedByName) {
     }
 }
 
-TEST(NoiseCleanerV006, SessionsAt16And48kHzCleanWithoutAllocatingPerFrame) {
-    ScratchDir dir;
-    GlobalInstance global;
-    registerModel(dir, cleanerRecords(), "v006");
-    for (unsigned host : {16000u, 48000u}) {
-        SCOPED_TRACE(host);
-        void* session = sonelAudioNcCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "v006");
-        ASSERT_NE(session, nullptr);
-        SONEL::NOISE_CANCELLER::NoiseCleaner& cleaner = static_cast<SonelAudioSessionT*>(session)->cleaner();
-        EXPECT_NE(dynamic_cast<NoiseCleaner_v0_0_6*>(&cleaner), nullptr);
-        EXPECT_EQ(cleaner.sampleRate(), kRate);
+TEST(LayerNormCleaners, SessionsAt16And48kHzCleanWithoutAllocatingPerFrameAndResetToNew) {
+    for (const auto& [records, v007] : {std::pair{cleanerRecords(), false}, std::pair{v007Records(2), true}}) {
+        ScratchDir dir;
+        GlobalInstance global;
+        registerModel(dir, records, "layer-norm");
+        for (unsigned host : {16000u, 48000u}) {
+            SCOPED_TRACE(std::to_string(host) + (v007 ? " Hz, v0.0.7" : " Hz, v0.0.6"));
+            void* session = sonelAudioNcCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "layer-norm");
+            ASSERT_NE(session, nullptr);
+            SONEL::NOISE_CANCELLER::NoiseCleaner& cleaner = static_cast<SonelAudioSessionT*>(session)->cleaner();
+            EXPECT_EQ(dynamic_cast<NoiseCleaner_v0_0_7*>(&cleaner) != nullptr, v007);
+            EXPECT_EQ(dynamic_cast<NoiseCleaner_v0_0_6*>(&cleaner) != nullptr, !v007);
+            EXPECT_EQ(cleaner.sampleRate(), kRate);
 
-        const std::vector<float> x = noisyVoice(host, 3.0, host);
-        const unsigned n = host / 100;
-        std::vector<float> out(n);
-        size_t allocations = 0, nonFinite = 0;
-        double in2 = 0.0, out2 = 0.0;
-        for (size_t f = 0; (f + 1) * n <= x.size(); ++f) {
-            const size_t before = allocationCount();
-            ASSERT_EQ(sonelAudioNcCleanAmbientNoiseFloat(session, x.data() + f * n, n, out.data(), n), SONEL_AUDIO_OK);
-            if (f >= 10) allocations += allocationCount() - before;
-            for (unsigned i = 0; i < n; ++i) {
-                nonFinite += std::isfinite(out[i]) ? 0 : 1;
-                in2 += static_cast<double>(x[f * n + i]) * x[f * n + i];
-                out2 += static_cast<double>(out[i]) * out[i];
+            const std::vector<float> x = noisyVoice(host, 3.0, host);
+            const unsigned n = host / 100;
+            std::vector<float> out(n);
+            size_t allocations = 0, nonFinite = 0;
+            double in2 = 0.0, out2 = 0.0;
+            for (size_t f = 0; (f + 1) * n <= x.size(); ++f) {
+                const size_t before = allocationCount();
+                ASSERT_EQ(sonelAudioNcCleanAmbientNoiseFloat(session, x.data() + f * n, n, out.data(), n),
+                          SONEL_AUDIO_OK);
+                if (f >= 10) allocations += allocationCount() - before;
+                for (unsigned i = 0; i < n; ++i) {
+                    nonFinite += std::isfinite(out[i]) ? 0 : 1;
+                    in2 += static_cast<double>(x[f * n + i]) * x[f * n + i];
+                    out2 += static_cast<double>(out[i]) * out[i];
+                }
             }
+            EXPECT_EQ(allocations, 0u);
+            EXPECT_EQ(nonFinite, 0u);
+            // The gains are below 1 and squared: the output is quieter than the input, but not silent.
+            EXPECT_LT(out2, 0.9 * in2);
+            EXPECT_GT(out2, 0.01 * in2);
+            EXPECT_EQ(sonelAudioNcCloseSession(session), SONEL_AUDIO_OK);
         }
-        EXPECT_EQ(allocations, 0u);
-        EXPECT_EQ(nonFinite, 0u);
-        // The gains are below 1 and squared: the output is quieter than the input, but not silent.
-        EXPECT_LT(out2, 0.9 * in2);
-        EXPECT_GT(out2, 0.01 * in2);
-        EXPECT_EQ(sonelAudioNcCloseSession(session), SONEL_AUDIO_OK);
     }
 
     // After a reset the cleaner cleans as a new one: recurrent state, context and buffers restart.
-    const SONEL::WEIGHTS::ModelPtr model = modelFrom(cleanerRecords());
     CaptureStdout();
-    NoiseCleaner_v0_0_6 used(model, kRate), fresh(model, kRate);
+    NoiseCleaner_v0_0_6 used6(modelFrom(cleanerRecords()), kRate), fresh6(modelFrom(cleanerRecords()), kRate);
+    NoiseCleaner_v0_0_7 used7(modelFrom(v007Records(2)), kRate), fresh7(modelFrom(v007Records(2)), kRate);
     GetCapturedStdout();
-    const std::vector<float> first = noisyVoice(kRate, 0.5, 1), second = noisyVoice(kRate, 0.5, 2);
-    std::vector<float> frame(kRate / 100), again(kRate / 100);
-    for (size_t pos = 0; pos + frame.size() <= first.size(); pos += frame.size()) {
-        frame.assign(first.begin() + static_cast<long>(pos), first.begin() + static_cast<long>(pos + frame.size()));
-        for (float& v : frame) v *= 32768.0f;
-        used.cleanNoise(frame, nullptr, false);
+    using Cleaner = SONEL::NOISE_CANCELLER::NoiseCleaner;
+    for (auto [used, fresh] : {std::pair<Cleaner*, Cleaner*>{&used6, &fresh6}, {&used7, &fresh7}}) {
+        const std::vector<float> first = noisyVoice(kRate, 0.5, 1), second = noisyVoice(kRate, 0.5, 2);
+        std::vector<float> frame(kRate / 100), again(kRate / 100);
+        for (size_t pos = 0; pos + frame.size() <= first.size(); pos += frame.size()) {
+            frame.assign(first.begin() + static_cast<long>(pos), first.begin() + static_cast<long>(pos + frame.size()));
+            for (float& v : frame) v *= 32768.0f;
+            used->cleanNoise(frame, nullptr, false);
+        }
+        used->resetSession();
+        size_t differing = 0;
+        for (size_t pos = 0; pos + frame.size() <= second.size(); pos += frame.size()) {
+            frame.assign(second.begin() + static_cast<long>(pos),
+                         second.begin() + static_cast<long>(pos + frame.size()));
+            for (float& v : frame) v *= 32768.0f;
+            again = frame;
+            used->cleanNoise(frame, nullptr, false);
+            fresh->cleanNoise(again, nullptr, false);
+            for (size_t i = 0; i < frame.size(); ++i) differing += frame[i] != again[i];
+        }
+        EXPECT_EQ(differing, 0u);
     }
-    used.resetSession();
-    size_t differing = 0;
-    for (size_t pos = 0; pos + frame.size() <= second.size(); pos += frame.size()) {
-        frame.assign(second.begin() + static_cast<long>(pos), second.begin() + static_cast<long>(pos + frame.size()));
-        for (float& v : frame) v *= 32768.0f;
-        again = frame;
-        used.cleanNoise(frame, nullptr, false);
-        fresh.cleanNoise(again, nullptr, false);
-        for (size_t i = 0; i < frame.size(); ++i) differing += frame[i] != again[i];
-    }
-    EXPECT_EQ(differing, 0u);
 }
 
 TEST(NoiseCleanerV006, PostProcessingKeysTakeEffectUnderTheV006NamesOnly) {
@@ -282,4 +322,76 @@ TEST(NoiseCleanerV006, PostProcessingKeysTakeEffectUnderTheV006NamesOnly) {
     EXPECT_GT(energy, 1e-3);
     EXPECT_EQ(notDoubled, 0u);
     EXPECT_EQ(changed, 0u);
+}
+
+TEST(NoiseCleanerV007, OneGroupIsTheV006NetworkAndNoTuningKeyIsRead) {
+    // Tuning under either generation's pattern with the 0.0.7 tag changes nothing: the cleaner
+    // reads the compress rate alone, and in one group its network is the 0.0.6 one.
+    Records tuned = v007Records(1);
+    for (const char* prefix : {"CONTROL_SONEL_", "CONTROL_VELTA_"}) {
+        tuned[std::string(prefix) + "VOLUME_UP_v0_0_7"] = std::string("t");
+        tuned[std::string(prefix) + "VOLUME_UP_PERCENT_v0_0_7"] = 100.0f;
+        tuned[std::string(prefix) + "ENABLE_RESCALE_v0_0_7"] = std::string("f");
+    }
+    const std::vector<float> x = noisyVoice(kRate, 1.0, 4);
+    const std::vector<float> v006 = cleanedBySession(cleanerRecords(), x), v007 = cleanedBySession(tuned, x),
+                             grouped = cleanedBySession(v007Records(2), x);
+    ASSERT_EQ(v007.size(), x.size());
+    ASSERT_EQ(grouped.size(), x.size());
+    size_t differing = 0, groupedDiffering = 0;
+    for (size_t i = 0; i < x.size(); ++i) {
+        differing += v007[i] != v006[i];
+        groupedDiffering += grouped[i] != v006[i];
+    }
+    EXPECT_EQ(differing, 0u);
+    EXPECT_GT(groupedDiffering, x.size() / 2);
+}
+
+TEST(NoiseCleanerV007, MalformedRecordsAreRefusedByName) {
+    auto matrices = [](Records& r, const char* key) -> std::vector<Matrix>& {
+        return std::get<std::vector<Matrix>>(r[key]);
+    };
+    const std::vector<std::tuple<const char*, std::function<void(Records&)>, std::string>> cases = {
+        {"v0.0.5 filter names",
+         [](Records& r) {
+             r["FiltrBegin"] = r["FilterBegin"];
+             r.erase("FilterBegin");
+         },
+         "FilterBegin doesn't exists"},
+        {"empty filter range", [](Records& r) { r["FilterEnd"] = 1u; }, "FilterEnd must lie above FilterBegin"},
+        // Read under the 0.0.6 name the compress rate is the default 2: 80 bands, not 50.
+        {"compress rate under the v0.0.6 name",
+         [](Records& r) {
+             r["CONTROL_VELTA_COMPRESS_RATE_v0_0_6"] = r["CONTROL_SONEL_COMPRESS_RATE_v0_0_7"];
+             r.erase("CONTROL_SONEL_COMPRESS_RATE_v0_0_7");
+         },
+         "CoefficientNumber " + std::to_string(kBands) + " but 80 bands"},
+        // 4 of the 16 input and 12 state columns would be 7 groups, which split neither part.
+        {"GRU groups that split neither part", [](Records& r) { r["WeightGRU_reset"] = Matrix(kHidden, 4); },
+         "WeightGRU_reset is 12 x 4"},
+        {"update gate in other groups than the reset gate",
+         [](Records& r) { r["WeightGRU"] = Matrix(2 * kHidden, kWidth + kHidden); },
+         "WeightGRU is 24 x 28, not 24 x 14"},
+        {"output rows its groups do not split",
+         [&](Records& r) { matrices(r, "WeightNonLinear")[0] = Matrix(kOut, 3); },
+         "WeightNonLinear[0] is 10 x 3"},
+    };
+    for (const auto& [change, apply, message] : cases) {
+        SCOPED_TRACE(change);
+        Records records = v007Records(2);
+        apply(records);
+        const std::string what = refusal<NoiseCleaner_v0_0_7>(records);
+        EXPECT_NE(what.find(message), std::string::npos) << what;
+    }
+
+    // Through the C interface: a 0.0.7 file with its own voice detector is not this cleaner's.
+    // (A weight that is not a number never reaches a cleaner: the file is refused when read.)
+    Records gated = v007Records(2);
+    gated["VadVersion"] = std::string("0.0.1");
+    ScratchDir dir;
+    GlobalInstance global;
+    registerModel(dir, gated, "gated");
+    CaptureStderr();
+    EXPECT_EQ(sonelAudioNcCreateSession(rate(kRate), rate(kRate), SONEL_AUDIO_FRAME_10MS, "gated"), nullptr);
+    EXPECT_NE(GetCapturedStderr().find("Unsupported weight version"), std::string::npos);
 }
