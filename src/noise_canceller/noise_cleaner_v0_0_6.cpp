@@ -1,5 +1,9 @@
 #include "noise_canceller/noise_cleaner_v0_0_6.h"
 
+#include <string>
+
+#include "utils/sonel_exception.h"
+
 namespace SONEL::NOISE_CANCELLER {
 
 namespace {
@@ -10,16 +14,26 @@ const ParameterKeys kKeys{"VELTA_", "_v0_0_6", "VELTA_COMPRESS_RATE_v0_0_6"};
 
 // The network scales the context by MU and SD itself (one value per input, the whole context),
 // so the front end hands it the log powers as they are.
-NoiseCleaner_v0_0_6::NoiseCleaner_v0_0_6(WEIGHTS::ModelPtr modelPair, unsigned sampleRate)
-    : SpectralCleaner(modelPair, sampleRate, kKeys, FeatureScaling::Network),
-      network_(*modelPair, inputLength()) {
-    requireOneGainPerBand(network_.outputCount(), "src/noise_canceller/noise_cleaner_v0_0_6", "NoiseCleaner_v0_0_6");
+LayerNormCleaner::LayerNormCleaner(WEIGHTS::ModelPtr modelPair, unsigned sampleRate, const ParameterKeys& keys,
+                                   const FrontEndParams::FilterRecords& filter,
+                                   const LayerNormGru::Keys& networkKeys, const char* file, const char* function)
+    : SpectralCleaner(modelPair, sampleRate, keys, FeatureScaling::Network, filter),
+      network_(*modelPair, inputLength(), networkKeys) {
+    if (network_.outputCount() != bandCount())
+        throw UTILS::SonelException("ERROR network shape: the last layer of WeightNonLinear has " +
+                                        std::to_string(network_.outputCount()) + " rows, not one per band (" +
+                                        std::to_string(bandCount()) + ")",
+                                    file, __LINE__, function);
 }
 
-void NoiseCleaner_v0_0_6::computeBandGains(const std::vector<float>& networkInput, std::vector<float>& bandGains) {
+void LayerNormCleaner::computeBandGains(const std::vector<float>& networkInput, std::vector<float>& bandGains) {
     network_.calcRMForwardProp_GRU_Layernorm(networkInput.data(), bandGains.data());
 }
 
-void NoiseCleaner_v0_0_6::resetNetwork() { network_.resetState(); }
+void LayerNormCleaner::resetNetwork() { network_.resetState(); }
+
+NoiseCleaner_v0_0_6::NoiseCleaner_v0_0_6(WEIGHTS::ModelPtr modelPair, unsigned sampleRate)
+    : LayerNormCleaner(modelPair, sampleRate, kKeys, {}, LayerNormGru::Keys(),
+                       "src/noise_canceller/noise_cleaner_v0_0_6", "NoiseCleaner_v0_0_6") {}
 
 }  // namespace SONEL::NOISE_CANCELLER

@@ -5,14 +5,11 @@
 // ("SONEL_COMPRESS_RATE_v0_0_7" / "CONTROL_SONEL_COMPRESS_RATE_v0_0_7"); every other
 // post-processing parameter keeps its default. docs/design.md ("Noise cleaner v0.0.7") gives the
 // records.
-#include <vector>
-
-#include "noise_canceller/layer_norm_gru.h"
-#include "noise_canceller/spectral_cleaner.h"
+#include "noise_canceller/noise_cleaner_v0_0_6.h"
 
 namespace SONEL::NOISE_CANCELLER {
 
-class NoiseCleaner_v0_0_7 : public SpectralCleaner {
+class NoiseCleaner_v0_0_7 : public LayerNormCleaner {
 public:
     // The 0.0.7 names, for every model that carries a 0.0.7 cleaner.
     static const ParameterKeys kParameterKeys;
@@ -22,12 +19,6 @@ public:
     // Throws SonelException naming the record when the front end or the network is malformed or
     // the network's last layer does not give one gain per band.
     NoiseCleaner_v0_0_7(WEIGHTS::ModelPtr model, unsigned sampleRate);
-
-private:
-    void computeBandGains(const std::vector<float>& networkInput, std::vector<float>& bandGains) override;
-    void resetNetwork() override;
-
-    LayerNormGru network_;
 };
 
 }  // namespace SONEL::NOISE_CANCELLER

@@ -7,7 +7,6 @@
 
 #include "utils/energy_level.h"
 #include "utils/fft.h"
-#include "utils/sonel_exception.h"
 #include "utils/windows.h"
 
 namespace SONEL::NOISE_CANCELLER {
@@ -64,14 +63,6 @@ void SpectralCleaner::primeBuffers() {
     output_.reset();
     input_.push_backNULL(frontEnd_.step);
     output_.push_backNULL(frontEnd_.step);
-}
-
-void SpectralCleaner::requireOneGainPerBand(size_t gains, const char* file, const char* function) const {
-    if (gains != bandCount())
-        throw UTILS::SonelException("ERROR network shape: the last layer of WeightNonLinear has " +
-                                        std::to_string(gains) + " rows, not one per band (" +
-                                        std::to_string(bandCount()) + ")",
-                                    file, __LINE__, function);
 }
 
 bool SpectralCleaner::acceptsFrame(size_t samples) const {

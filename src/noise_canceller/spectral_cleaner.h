@@ -39,9 +39,6 @@ protected:
 
     size_t inputLength() const { return features_.networkInput().size(); }
     size_t bandCount() const { return features_.bands().bandCount(); }
-    // Throws SonelException, from `file` and `function`, unless the network's last layer gives
-    // `gains` values, one per band.
-    void requireOneGainPerBand(size_t gains, const char* file, const char* function) const;
 
 private:
     // The model's band gains (bandCount() values in [0, 1]) for the current feature context.

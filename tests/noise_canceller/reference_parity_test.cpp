@@ -77,33 +77,25 @@ TEST(ReferenceParity, CleanerMatchesTheNumpyReferenceWithinOneThousandthOfFullSc
     }
 }
 
-TEST(ReferenceParity, V0_0_6CleanerMatchesTheNumpyReferenceWithinOneThousandthOfFullScale) {
+TEST(ReferenceParity, LayerNormCleanersMatchTheNumpyReferenceWithinOneThousandthOfFullScale) {
     if (!referenceAvailable()) GTEST_SKIP() << "/usr/bin/python3 with numpy is needed for the reference cleaner";
     // The same tolerance as v0.0.5: the single-precision transform and BLAS's summation order
     // against NumPy's move the output by about 1e-6 of full scale, while a slip in the network's
     // wiring (the context scaled twice, a gate's rows swapped, a layer norm over the wrong values)
-    // or post-processing keys read under the v0.0.5 names move it by 0.16 and more.
-    for (unsigned rate : {8000u, 16000u, 24000u, 32000u}) {
-        for (const char* mode : {" --input-layers 1", " --input-layers 2 --defaults"}) {
-            SCOPED_TRACE(std::to_string(rate) + " Hz" + mode);
-            EXPECT_LT(cleanerParityWorst("make_v0_0_6_parity_case.py", rate,
-                                         " --seed " + std::to_string(rate / 8000 + 10) + mode),
-                      1e-3f);
-        }
-    }
-}
-
-TEST(ReferenceParity, V0_0_7CleanerMatchesTheNumpyReferenceWithinOneThousandthOfFullScale) {
-    if (!referenceAvailable()) GTEST_SKIP() << "/usr/bin/python3 with numpy is needed for the reference cleaner";
-    // Grouped GRU and output layer, the filter range counted to one past its last bin. The case
-    // without --defaults carries every post-processing switch under the 0.0.7 names, which the
-    // cleaner must leave unread as the reference does: read, they move the output by far more.
-    for (unsigned rate : {8000u, 16000u, 24000u, 32000u}) {
-        for (const char* mode : {" --input-layers 1", " --input-layers 2 --defaults"}) {
-            SCOPED_TRACE(std::to_string(rate) + " Hz" + mode);
-            EXPECT_LT(cleanerParityWorst("make_v0_0_6_parity_case.py", rate,
-                                         " --generation 0.0.7 --seed " + std::to_string(rate / 8000 + 20) + mode),
-                      1e-3f);
+    // or post-processing keys read under the v0.0.5 names move it by 0.16 and more. The 0.0.7
+    // case groups its GRU and output layer and counts the filter range to one past its last bin;
+    // without --defaults it carries every post-processing switch under the 0.0.7 names, which
+    // the cleaner must leave unread as the reference does.
+    for (const char* generation : {"0.0.6", "0.0.7"}) {
+        for (unsigned rate : {8000u, 16000u, 24000u, 32000u}) {
+            for (const char* mode : {" --input-layers 1", " --input-layers 2 --defaults"}) {
+                SCOPED_TRACE(std::string(generation) + ", " + std::to_string(rate) + " Hz" + mode);
+                const unsigned seed = rate / 8000 + (generation[4] == '6' ? 10 : 20);
+                EXPECT_LT(cleanerParityWorst("make_v0_0_6_parity_case.py", rate,
+                                             " --generation " + std::string(generation) + " --seed " +
+                                                 std::to_string(seed) + mode),
+                          1e-3f);
+            }
         }
     }
 }
