@@ -56,7 +56,7 @@ FrontEndParams FrontEndParams::read(const WEIGHTS::Weight& weight, const FilterR
 }
 
 FeatureExtractor::FeatureExtractor(const FrontEndParams& params, unsigned compressRate,
-                                   std::shared_ptr<UTILS::FFT> fft, bool normalise)
+                                   std::shared_ptr<UTILS::FFT> fft, bool normalise, ContextStart start)
     : params_(params),
       bands_(params.filtrEnd - params.filtrBegin + 1, compressRate),
       fft_(std::move(fft)),
@@ -66,6 +66,7 @@ FeatureExtractor::FeatureExtractor(const FrontEndParams& params, unsigned compre
       context_((params.previewFrames + 2) * bands_.bandCount()),
       contextLength_((params.previewFrames + 1) * bands_.bandCount()),
       normalise_(normalise),
+      start_(start),
       input_(contextLength_) {
     require(params.coefficientNumber == bands_.bandCount(),
             "CoefficientNumber " + std::to_string(params.coefficientNumber) + " but " +
@@ -75,9 +76,8 @@ FeatureExtractor::FeatureExtractor(const FrontEndParams& params, unsigned compre
 }
 
 void FeatureExtractor::reset() {
-    // The context starts as silence in every band.
     context_.reset();
-    bandLog_.assign(bandLog_.size(), std::log(params_.logEpsilon));
+    bandLog_.assign(bandLog_.size(), start_ == ContextStart::Zero ? 0.0f : std::log(params_.logEpsilon));
     for (unsigned f = 0; f <= params_.previewFrames; ++f)
         context_.push_back(bandLog_.data(), bandLog_.size());
 }

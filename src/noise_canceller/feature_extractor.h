@@ -43,13 +43,18 @@ struct FrontEndParams {
     static FrontEndParams read(const WEIGHTS::Weight& weight, const FilterRecords& filter);
 };
 
+// What the feature context holds before the first block: silence in every band (the log of the
+// epsilon), or zeros, as the cleaner inside a model with its own voice detector starts.
+enum class ContextStart { Silence, Zero };
+
 class FeatureExtractor {
 public:
     // normalise: the network input is the context scaled by MU and SD (v0.0.5); without it the
     // context's log powers go to the network as they are, for networks that scale them as their
     // own first step (the 0.0.6 form).
     FeatureExtractor(const FrontEndParams& params, unsigned compressRate,
-                     std::shared_ptr<UTILS::FFT> fft, bool normalise);
+                     std::shared_ptr<UTILS::FFT> fft, bool normalise,
+                     ContextStart start = ContextStart::Silence);
 
     // Transforms the windowed block and appends its features to the context; gain scales the
     // spectrum magnitudes before the power is taken (the level normalisation).
@@ -70,6 +75,7 @@ private:
     CONTAINERS::CyclicBlockData context_;
     size_t contextLength_;
     bool normalise_;
+    ContextStart start_;
     std::vector<float> input_;
 };
 

@@ -16,8 +16,9 @@ const ParameterKeys kKeys{"VELTA_", "_v0_0_6", "VELTA_COMPRESS_RATE_v0_0_6"};
 // so the front end hands it the log powers as they are.
 LayerNormCleaner::LayerNormCleaner(WEIGHTS::ModelPtr modelPair, unsigned sampleRate, const ParameterKeys& keys,
                                    const FrontEndParams::FilterRecords& filter,
-                                   const LayerNormGru::Keys& networkKeys, const char* file, const char* function)
-    : SpectralCleaner(modelPair, sampleRate, keys, FeatureScaling::Network, filter),
+                                   const LayerNormGru::Keys& networkKeys, const char* file, const char* function,
+                                   ContextStart contextStart)
+    : SpectralCleaner(modelPair, sampleRate, keys, FeatureScaling::Network, filter, contextStart),
       network_(*modelPair, inputLength(), networkKeys) {
     if (network_.outputCount() != bandCount())
         throw UTILS::SonelException("ERROR network shape: the last layer of WeightNonLinear has " +

@@ -19,7 +19,7 @@ protected:
     // the network is malformed or the network's last layer does not give one gain per band.
     LayerNormCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate, const ParameterKeys& keys,
                      const FrontEndParams::FilterRecords& filter, const LayerNormGru::Keys& networkKeys,
-                     const char* file, const char* function);
+                     const char* file, const char* function, ContextStart contextStart = ContextStart::Silence);
 
 private:
     void computeBandGains(const std::vector<float>& networkInput, std::vector<float>& bandGains) override;

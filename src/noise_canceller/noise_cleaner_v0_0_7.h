@@ -5,6 +5,8 @@
 // ("SONEL_COMPRESS_RATE_v0_0_7" / "CONTROL_SONEL_COMPRESS_RATE_v0_0_7"); every other
 // post-processing parameter keeps its default. docs/design.md ("Noise cleaner v0.0.7") gives the
 // records.
+#include <string>
+
 #include "noise_canceller/noise_cleaner_v0_0_6.h"
 
 namespace SONEL::NOISE_CANCELLER {
@@ -15,6 +17,10 @@ public:
     static const ParameterKeys kParameterKeys;
     static const FrontEndParams::FilterRecords kFilterRecords;
     static const LayerNormGru::Keys kNetworkKeys;
+    // The 0.0.7 network names with `prefix` ahead of the eight that a voice detector in the same
+    // file also uses (its dense layers, their biases and the GRU's four records); MU, SD and
+    // the norm records keep their names.
+    static LayerNormGru::Keys networkKeys(const std::string& prefix);
 
     // Throws SonelException naming the record when the front end or the network is malformed or
     // the network's last layer does not give one gain per band.

@@ -33,7 +33,7 @@ double sumOfSquares(const std::vector<float>& v) {
 
 SpectralCleaner::SpectralCleaner(WEIGHTS::ModelPtr modelPair, unsigned sampleRate,
                                  const ParameterKeys& keys, FeatureScaling scaling,
-                                 const FrontEndParams::FilterRecords& filter)
+                                 const FrontEndParams::FilterRecords& filter, ContextStart contextStart)
     : NoiseCleaner(modelPair, sampleRate),
       frontEnd_(FrontEndParams::read(*modelPair->first, filter)),
       maskParams_(MaskParams::read(*modelPair, keys)),
@@ -41,7 +41,7 @@ SpectralCleaner::SpectralCleaner(WEIGHTS::ModelPtr modelPair, unsigned sampleRat
       windowEnergy_(sumOfSquares(window_)),
       transform_(getFftPtr(frontEnd_.frameLength)),
       features_(frontEnd_, static_cast<unsigned>(maskParams_.compressRate), transform_,
-                scaling == FeatureScaling::FrontEnd),
+                scaling == FeatureScaling::FrontEnd, contextStart),
       gate_(frontEnd_.freezeLowEnThr, frontEnd_.freezeHighEnThr),
       post_(maskParams_, frontEnd_.frameLength / 2 + 1, window_,
             frontEnd_.step * 1000 / frontEnd_.sampleRate),
@@ -74,40 +74,58 @@ std::string SpectralCleaner::frameRule() const {
            std::to_string(maxFrame_);
 }
 
+bool SpectralCleaner::beginFrame(const std::vector<float>& frame) {
+    const MaskParams& params = maskParams_;
+    const auto [low, high] = std::minmax_element(frame.begin(), frame.end());
+    const float peak = std::max(std::fabs(*low), std::fabs(*high));
+    skipCurrentFrame_ = params.skipFrame && peak <= params.skipFrameLevel;
+    voiceEnergy_ = noiseEnergy_ = 0.0;
+    blocksInFrame_ = 0;
+    return peak <= params.clipFixPoint;
+}
+
+void SpectralCleaner::countUncleanedBlock(double removed) {
+    noiseEnergy_ += removed;
+    ++blocksInFrame_;
+}
+
+void SpectralCleaner::reportFrame(ncAudioInfo_t* info, size_t frameSamples, double ringtone) {
+    if (!info) return;
+    const double blocks = blocksInFrame_ ? blocksInFrame_ : 1;
+    info->voiceLevel = UTILS::energyLevel(voiceEnergy_ / blocks);
+    info->noiseLevel = UTILS::energyLevel(noiseEnergy_ / blocks);
+    info->ringtoneProbability = ringtone;
+    const unsigned long durationMs = frameSamples * 1000 / frontEnd_.sampleRate;
+    noiseStatsUpdate(info->noiseLevel, durationMs);
+    voiceStatsUpdate(info->voiceLevel, durationMs);
+}
+
+void SpectralCleaner::overlapAdd(CONTAINERS::CyclicBlockData& output, const std::vector<float>& block) const {
+    const size_t hop = frontEnd_.step;
+    output.push_backNULL(hop);
+    // Samples already handed out take no further part; a cleaner that runs whole hops never
+    // hands out one whose second block is still to come.
+    const size_t overlap = std::min(2 * hop, output.unread());
+    float* tail = output.data() + output.writeCount() - overlap;
+    for (size_t i = 0; i < overlap; ++i) tail[i] += block[2 * hop - overlap + i];
+}
+
 bool SpectralCleaner::cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info, bool flag) {
     if (frame.empty() || frame.size() > maxFrame_) return false;
     // The ringtone flag only reports: the detector reads the frame as it came, before cleaning,
     // and nothing of it reaches the cleaner.
     const double ringtone = flag && info ? ringtoneProbability(frame.data(), frame.size()) : -1.0;
-    const MaskParams& params = maskParams_;
-    const auto [low, high] = std::minmax_element(frame.begin(), frame.end());
-    const float peak = std::max(std::fabs(*low), std::fabs(*high));
-    const bool notClipped = peak <= params.clipFixPoint;
-    skipCurrentFrame_ = params.skipFrame && peak <= params.skipFrameLevel;
-
+    const bool notClipped = beginFrame(frame);
     input_.push_back(frame.data(), frame.size());
-    voiceEnergy_ = noiseEnergy_ = 0.0;
-    blocksInFrame_ = 0;
     const size_t hop = frontEnd_.step;
     while (input_.unread() >= 2 * hop) {
         mainCleaner(input_.readPtr(), block_, info, notClipped);
         input_.advance(hop);
-        output_.push_backNULL(hop);
-        float* tail = output_.data() + output_.writeCount() - 2 * hop;
-        for (size_t i = 0; i < 2 * hop; ++i) tail[i] += block_[i];
+        overlapAdd(output_, block_);
     }
     std::copy_n(output_.readPtr(), frame.size(), frame.begin());
     output_.advance(frame.size());
-
-    if (info) {
-        const double blocks = blocksInFrame_ ? blocksInFrame_ : 1;
-        info->voiceLevel = UTILS::energyLevel(voiceEnergy_ / blocks);
-        info->noiseLevel = UTILS::energyLevel(noiseEnergy_ / blocks);
-        info->ringtoneProbability = ringtone;
-        const unsigned long durationMs = frame.size() * 1000 / frontEnd_.sampleRate;
-        noiseStatsUpdate(info->noiseLevel, durationMs);
-        voiceStatsUpdate(info->voiceLevel, durationMs);
-    }
+    reportFrame(info, frame.size(), ringtone);
     return true;
 }
 

@@ -20,7 +20,8 @@ public:
     bool resetSession() override;
     bool background_speaker_fix_switch(bool on) override;
 
-    // One block of FrameLength samples in, its cleaned and windowed synthesis in `out`.
+    // One block of FrameLength samples in, its cleaned and windowed synthesis in `out` (FrameLength
+    // values); its energies join the frame's (beginFrame, reportFrame).
     bool mainCleaner(const float* block, std::vector<float>& out, ncAudioInfo_t* info, bool notClipped);
 
     // One hop: the block that completes a sample's output needs the next hop of input.
@@ -35,10 +36,26 @@ protected:
     enum class FeatureScaling { FrontEnd, Network };
 
     SpectralCleaner(WEIGHTS::ModelPtr model, unsigned sampleRate, const ParameterKeys& keys,
-                    FeatureScaling scaling, const FrontEndParams::FilterRecords& filter = {});
+                    FeatureScaling scaling, const FrontEndParams::FilterRecords& filter = {},
+                    ContextStart contextStart = ContextStart::Silence);
 
     size_t inputLength() const { return features_.networkInput().size(); }
     size_t bandCount() const { return features_.bands().bandCount(); }
+    const FrontEndParams& frontEnd() const { return frontEnd_; }
+
+    // The frame loop's pieces, for a model that decides per hop whether to clean it. beginFrame
+    // takes the frame's clip test and skip mark, which all its blocks share, and starts counting
+    // its block energies; it returns whether the frame lies within the clip-fix point.
+    bool beginFrame(const std::vector<float>& frame);
+    // Counts a block that was not cleaned: nothing of it kept, `removed` (mean square, full scale
+    // 1) taken away.
+    void countUncleanedBlock(double removed);
+    // The frame's voice and noise levels from its blocks' energies, and the statistics, when
+    // `info` is given.
+    void reportFrame(ncAudioInfo_t* info, size_t frameSamples, double ringtone);
+    // Pushes one hop of zeros onto `output` and adds the two-hop `block` into its last two hops
+    // (those not yet read).
+    void overlapAdd(CONTAINERS::CyclicBlockData& output, const std::vector<float>& block) const;
 
 private:
     // The model's band gains (bandCount() values in [0, 1]) for the current feature context.
