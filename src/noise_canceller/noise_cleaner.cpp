@@ -8,6 +8,7 @@
 #include "noise_canceller/noise_cleaner_v0_0_5.h"
 #include "noise_canceller/noise_cleaner_v0_0_6.h"
 #include "noise_canceller/noise_cleaner_v0_0_7.h"
+#include "noise_canceller/noise_cleaner_with_vad_v0_0_7.h"
 #include "noise_canceller/noise_db_cleaner_v0_0_1.h"
 #include "noise_canceller/ringtone_cleaner_v0_0_1.h"
 #include "noise_canceller/vad_cleaner_v0_0_1.h"
@@ -221,7 +222,7 @@ ModelPtr NoiseCleaner::selectModel(const std::vector<ModelPtr>& models, SonelAud
 }
 
 std::shared_ptr<NoiseCleaner> NoiseCleaner::create(SonelAudioSamplingRate rate,
-                                                   SonelAudioFrameDuration /*duration*/,
+                                                   SonelAudioFrameDuration duration,
                                                    const char* name,
                                                    SonelAudioSessionType sessionType) {
     auto* instance = SONEL_AUDIO::SonelAudioInstanceT::Instance(SONEL_AUDIO::GET);
@@ -244,14 +245,17 @@ std::shared_ptr<NoiseCleaner> NoiseCleaner::create(SonelAudioSamplingRate rate,
     const bool cleaning =
         sessionType == SONEL_AUDIO_SESSION_NC || sessionType == SONEL_AUDIO_SESSION_NC_WITH_STATS;
     // A "0.0.6" file is a cleaner unless it carries the ringtone detector's version record; a
-    // "0.0.7" file with a non-empty "VadVersion" carries its own voice detector and is left to
-    // the gated cleaner.
+    // "0.0.7" file with a non-empty "VadVersion" carries its own voice detector, which gates the
+    // cleaner hop by hop and is built for the session's frame duration.
     const bool cleaner06 = version == "0.0.6" && kindOf(*chosen->first) == ModelKind::Cleaner;
     const std::string* vadVersion = chosen->first->find<std::string>("VadVersion");
-    const bool cleaner07 = version == "0.0.7" && (!vadVersion || vadVersion->empty());
-    if (cleaning && (cleaner07 || cleaner06 || version == "0.0.5")) {
+    const bool gated07 = version == "0.0.7" && vadVersion && !vadVersion->empty();
+    const bool cleaner07 = version == "0.0.7" && !gated07;
+    if (cleaning && (gated07 || cleaner07 || cleaner06 || version == "0.0.5")) {
         std::shared_ptr<NoiseCleaner> cleaner;
-        if (cleaner07)
+        if (gated07)
+            cleaner = std::make_shared<NoiseCleanerWithVad_v0_0_7>(chosen, static_cast<unsigned long>(duration));
+        else if (cleaner07)
             cleaner = std::make_shared<NoiseCleaner_v0_0_7>(chosen, modelRate);
         else if (cleaner06)
             cleaner = std::make_shared<NoiseCleaner_v0_0_6>(chosen, modelRate);
