@@ -4,6 +4,7 @@ cleaner both run it; each reads its records and gives its own number of features
 cleaner runs it with grouped matrices (grouped=True; docs/design.md, Noise cleaner v0.0.7).
 
     weights = Weights(records, features)      # the 14 records, checked against each other
+                                              # (names=...: under other names)
     network = Network(weights)
     out = network.step(x)                     # raw features in, the last layer's values out
 """
@@ -35,26 +36,34 @@ def layer_norm(v, gain, bias):
     return ((v - mean) / np.sqrt(var + NORM_EPSILON) * gain + bias).astype(F32)
 
 
+# The records' names under the 0.0.6 form; a model holding two networks renames some of them.
+NAMES = dict(mu="MU", sd="SD", in_w="WeightLinear", in_b="BiasLinear", in_g="GainLinearNorm",
+             in_beta="BiasLinearNorm", gru_w="WeightGRU", gru_b="BiasGRU", reset_w="WeightGRU_reset",
+             reset_b="BiasGRU_reset", out_w="WeightNonLinear", out_b="BiasNonLinear", out_g="GainNonLinearNorm",
+             out_beta="BiasNonLinearNorm")
+
+
 def records(mu, sd, in_ws, in_bs, in_gains, in_betas, gru_w, gru_b, reset_w, reset_b,
-            out_ws, out_bs, out_gains, out_betas):
-    """The network's records under the 0.0.6 names."""
+            out_ws, out_bs, out_gains, out_betas, names=NAMES):
+    """The network's records, under the 0.0.6 names unless `names` gives others."""
     R = sw.Record
     vec = lambda v: np.asarray(v, F32)  # noqa: E731
+    vectors = lambda vs: R(sw.VECTOR_LIST, [vec(v) for v in vs])  # noqa: E731
     return {
-        "MU": R(sw.VECTOR, vec(mu)),
-        "SD": R(sw.VECTOR, vec(sd)),
-        "WeightLinear": R(sw.MATRIX_LIST, [vec(w) for w in in_ws]),
-        "BiasLinear": R(sw.VECTOR_LIST, [vec(b) for b in in_bs]),
-        "GainLinearNorm": R(sw.VECTOR_LIST, [vec(g) for g in in_gains]),
-        "BiasLinearNorm": R(sw.VECTOR_LIST, [vec(b) for b in in_betas]),
-        "WeightGRU": R(sw.MATRIX, vec(gru_w)),
-        "BiasGRU": R(sw.VECTOR, vec(gru_b)),
-        "WeightGRU_reset": R(sw.MATRIX, vec(reset_w)),
-        "BiasGRU_reset": R(sw.VECTOR, vec(reset_b)),
-        "WeightNonLinear": R(sw.MATRIX_LIST, [vec(w) for w in out_ws]),
-        "BiasNonLinear": R(sw.VECTOR_LIST, [vec(b) for b in out_bs]),
-        "GainNonLinearNorm": R(sw.VECTOR_LIST, [vec(g) for g in out_gains]),
-        "BiasNonLinearNorm": R(sw.VECTOR_LIST, [vec(b) for b in out_betas]),
+        names["mu"]: R(sw.VECTOR, vec(mu)),
+        names["sd"]: R(sw.VECTOR, vec(sd)),
+        names["in_w"]: R(sw.MATRIX_LIST, [vec(w) for w in in_ws]),
+        names["in_b"]: vectors(in_bs),
+        names["in_g"]: vectors(in_gains),
+        names["in_beta"]: vectors(in_betas),
+        names["gru_w"]: R(sw.MATRIX, vec(gru_w)),
+        names["gru_b"]: R(sw.VECTOR, vec(gru_b)),
+        names["reset_w"]: R(sw.MATRIX, vec(reset_w)),
+        names["reset_b"]: R(sw.VECTOR, vec(reset_b)),
+        names["out_w"]: R(sw.MATRIX_LIST, [vec(w) for w in out_ws]),
+        names["out_b"]: vectors(out_bs),
+        names["out_g"]: vectors(out_gains),
+        names["out_beta"]: vectors(out_betas),
     }
 
 
@@ -104,17 +113,15 @@ class Weights:
     """The records of one network for `features` inputs, checked against each other; `grouped`
     lets a matrix narrower than its input split it into groups."""
 
-    def __init__(self, records, features, grouped=False):
-        get = lambda name, code: _record(records, name, code)  # noqa: E731
-        self.mu, self.sd = get("MU", sw.VECTOR), get("SD", sw.VECTOR)
-        self.in_w, self.in_b = get("WeightLinear", sw.MATRIX_LIST), get("BiasLinear", sw.VECTOR_LIST)
-        self.in_g = get("GainLinearNorm", sw.VECTOR_LIST)
-        self.in_beta = get("BiasLinearNorm", sw.VECTOR_LIST)
-        self.gru_w, self.gru_b = get("WeightGRU", sw.MATRIX), get("BiasGRU", sw.VECTOR)
-        self.reset_w, self.reset_b = get("WeightGRU_reset", sw.MATRIX), get("BiasGRU_reset", sw.VECTOR)
-        self.out_w, self.out_b = get("WeightNonLinear", sw.MATRIX_LIST), get("BiasNonLinear", sw.VECTOR_LIST)
-        self.out_g = get("GainNonLinearNorm", sw.VECTOR_LIST)
-        self.out_beta = get("BiasNonLinearNorm", sw.VECTOR_LIST)
+    def __init__(self, records, features, grouped=False, names=NAMES):
+        get = lambda role, code: _record(records, names[role], code)  # noqa: E731
+        self.mu, self.sd = get("mu", sw.VECTOR), get("sd", sw.VECTOR)
+        self.in_w, self.in_b = get("in_w", sw.MATRIX_LIST), get("in_b", sw.VECTOR_LIST)
+        self.in_g, self.in_beta = get("in_g", sw.VECTOR_LIST), get("in_beta", sw.VECTOR_LIST)
+        self.gru_w, self.gru_b = get("gru_w", sw.MATRIX), get("gru_b", sw.VECTOR)
+        self.reset_w, self.reset_b = get("reset_w", sw.MATRIX), get("reset_b", sw.VECTOR)
+        self.out_w, self.out_b = get("out_w", sw.MATRIX_LIST), get("out_b", sw.VECTOR_LIST)
+        self.out_g, self.out_beta = get("out_g", sw.VECTOR_LIST), get("out_beta", sw.VECTOR_LIST)
         if len(self.mu) != features or len(self.sd) != features or np.any(self.sd <= 0):
             raise ValueError("MU and SD must have %d values, SD above 0" % features)
         width, self.in_groups = _chain(self.in_w, self.in_b, self.in_g, self.in_beta, len(self.in_w), features,

@@ -3,7 +3,7 @@
 the NumPy reference's output for it.
 
     make_v0_0_6_parity_case.py OUTDIR --rate R --seed S [--input-layers 1|2] [--defaults]
-                               [--generation 0.0.7]
+                               [--generation 0.0.7|0.0.7-vad]
 
 OUTDIR/model.vlw is a random, numerically tame v0.0.6 cleaner (the v0.0.5 parity case's geometry:
 compress rate 2, two past frames of context, a top band cut short; input layers of 32, a GRU of
@@ -17,6 +17,10 @@ A 0.0.7 case is the same with the 0.0.7 filter records and keys and the separabl
 the GRU and the normalised output layer in GROUPS groups (the band layer and the input layers
 whole). The 0.0.7 cleaner reads no post-processing switch; without --defaults the model carries
 them under the 0.0.7 names all the same, and both sides must leave them unread.
+
+A 0.0.7-vad case is the 0.0.7 case's cleaner with its shared network names prefixed "Nc" and a
+random voice detector beside it (nc_v0_0_7_vad.py), calibrated so that it passes about half of
+the signal's hops and no logit lies near the decision; the expected output is the gated one.
 """
 
 import argparse
@@ -28,6 +32,7 @@ import numpy as np
 import make_parity_case as case
 import nc_v0_0_6 as nc6
 import nc_v0_0_7 as nc7
+import nc_v0_0_7_vad as nc7vad
 
 nc = nc6.nc
 sw = nc.sw
@@ -48,6 +53,13 @@ STATE_WEIGHT_SCALE = 0.4
 LOGIT_SPREAD = 1.5
 LOGIT_MEAN_RANGE = (0.0, 2.0)
 SD_FLOOR = 0.1
+# The gated case's detector: context frames, and the spread of its logits over the test signal,
+# whose hops it splits into speech and not; no logit comes closer to the 0.5 decision than the
+# margin, so rounding differences between implementations cannot flip one.
+GATED = "0.0.7-vad"
+VAD_PREVIEW = 3
+VAD_LOGIT_SPREAD = 4.0
+VAD_MARGIN = 0.01
 
 
 def front_end_records(rate, controls, gen=nc6):
@@ -121,6 +133,8 @@ def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL, g
     rng = np.random.default_rng(seed)
     signal = case.test_signal(rate, rng)
     front, features, bands = front_end_records(rate, controls, gen)
+    gated = gen is nc7vad
+    gen = nc7 if gated else gen  # the cleaner of a gated case is a v0.0.7 cleaner
     network = random_network(rng, features, bands, input_layers, GROUPS if gen is nc7 else 1)
 
     # MU/SD: one value per network input, from the context of the signal's analysed blocks.
@@ -137,12 +151,62 @@ def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL, g
     network["out_ws"][-1] = (network["out_ws"][-1] * scale[:, None]).astype(F32)
     network["out_bs"][-1] = ((network["out_bs"][-1] - logits.mean(axis=0)) * scale + offset).astype(F32)
 
+    records = records_for(front, network, mu, sd)
+    if gated:
+        records = gated_records(records, rate, signal, rng, controls)
+        gen = nc7vad
     os.makedirs(outdir, exist_ok=True)
     path = os.path.join(outdir, "model.vlw")
-    sw.WeightWriter(records_for(front, network, mu, sd)).write_file(path)
+    sw.WeightWriter(records).write_file(path)
     signal.astype("<f4").tofile(os.path.join(outdir, "input.f32"))
     # The expected output comes from the file as written, so it is what the library will load.
     gen.clean(gen.Model.load(path), signal).astype("<f4").tofile(os.path.join(outdir, "expected.f32"))
+
+
+def gated_records(cleaner, rate, signal, rng, controls):
+    """The v0.0.7 cleaner's records with its shared network names prefixed and a random detector
+    beside it: the cleaner's geometry (20 ms frames, 10 ms hops) at the cleaner's rate, bins 2 to
+    Nyquist (a top band cut short); without --defaults the compress rate 2 and the epsilon 0.01
+    written, else the defaults 3 and 0.001."""
+    records = dict(cleaner)
+    for role in nc7vad.SHARED:
+        records[nc7vad.CLEANER_NAMES[role]] = records.pop(nc7vad.lngru.NAMES[role])
+    hop, R = rate // 100, sw.Record
+    compress = 2 if controls else nc7vad.DEFAULT_COMPRESS_RATE
+    bands = nc.BandLayout(hop + 1, 2, hop, compress).count
+    records.update({
+        "VadVersion": R(sw.STRING, "0.0.1"), "VadSampleRate": R(sw.UINT, rate), "VadFrameLength": R(sw.UINT, 2 * hop),
+        "VadStep": R(sw.UINT, hop), "VadFiltrBegin": R(sw.UINT, 2), "VadFiltrEnd": R(sw.UINT, hop + 1),
+        "VadPreviewFrames": R(sw.UINT, VAD_PREVIEW), "VadCoefficientNumber": R(sw.UINT, bands)})
+    if controls:
+        records.update({"CONTROL_VELTA_COMPRESS_RATE_VAD": R(sw.UINT, compress), "VadLpsEps": R(sw.FLOAT, 0.01)})
+    features = VAD_PREVIEW * bands
+    network = random_network(rng, features, 1, 1)
+
+    def run(mu, sd):
+        """The detector's contexts and logits over the signal's hops."""
+        detector = nc7vad.Detector(dict(records, **nc6.lngru.records(mu, sd, **network, names=nc7vad.DETECTOR_NAMES)))
+        stream = nc7vad.DetectorStream(detector)
+        contexts, logits = [], []
+        for frame in nc7vad.detector_frames(detector, signal):
+            p = np.clip(float(stream.probability(frame)), 1e-9, 1 - 1e-9)
+            contexts.append(stream.context.ravel().copy())
+            logits.append(np.log(p / (1 - p)))
+        return np.array(contexts), np.array(logits)
+
+    contexts, _ = run(np.zeros(features, F32), np.ones(features, F32))
+    mu, sd = contexts.mean(axis=0).astype(F32), (contexts.std(axis=0) + SD_FLOOR).astype(F32)
+    _, logits = run(mu, sd)
+    scale = VAD_LOGIT_SPREAD / (logits.std() + 1e-6)
+    centred = (logits - np.median(logits)) * scale
+    offsets = np.linspace(-1.0, 1.0, 401)
+    offset = offsets[np.argmax([np.abs(centred + o).min() for o in offsets])]
+    if np.abs(centred + offset).min() < VAD_MARGIN:
+        raise ValueError("no detector offset keeps the logits %g from the decision" % VAD_MARGIN)
+    network["out_ws"][-1] = (network["out_ws"][-1] * scale).astype(F32)
+    network["out_bs"][-1] = ((network["out_bs"][-1] - np.median(logits)) * scale + offset).astype(F32)
+    records.update(nc6.lngru.records(mu, sd, **network, names=nc7vad.DETECTOR_NAMES))
+    return records
 
 
 def main(argv=None):
@@ -153,10 +217,10 @@ def main(argv=None):
     parser.add_argument("--input-layers", type=int, default=1, choices=(1, 2))
     parser.add_argument("--defaults", action="store_true",
                         help="leave every post-processing switch at its default")
-    parser.add_argument("--generation", default=nc6.VERSION, choices=(nc6.VERSION, nc7.VERSION))
+    parser.add_argument("--generation", default=nc6.VERSION, choices=(nc6.VERSION, nc7.VERSION, GATED))
     args = parser.parse_args(argv)
     write_case(args.outdir, args.rate, args.seed, args.input_layers, {} if args.defaults else case.EXERCISE_ALL,
-               nc7 if args.generation == nc7.VERSION else nc6)
+               {nc7.VERSION: nc7, GATED: nc7vad}.get(args.generation, nc6))
     return 0
 
 

@@ -33,11 +33,12 @@ class Model(nc.Model):
     scales_features = False
     # Matrices narrower than their input split it into groups (the separable-dense form).
     GROUPED = False
+    NETWORK_NAMES = lngru.NAMES
 
     def _read_network(self, records):
         if "RingtoneVersion" in records and records["RingtoneVersion"].value:
             raise ValueError("a ringtone detector, not a cleaner")
-        self.network_weights = lngru.Weights(records, self.inputs, self.GROUPED)
+        self.network_weights = lngru.Weights(records, self.inputs, self.GROUPED, self.NETWORK_NAMES)
         if self.network_weights.outputs != self.bands.count:
             raise ValueError("the last layer gives %d values, not one per band (%d)"
                              % (self.network_weights.outputs, self.bands.count))
@@ -57,7 +58,7 @@ class Network(lngru.Network):
 clean = nc.clean
 
 
-def main(argv=None, model_class=Model):
+def main(argv=None, model_class=Model, clean_signal=None):
     parser = argparse.ArgumentParser(description="Clean raw float32 audio with the v%s reference."
                                      % model_class.VERSION)
     parser.add_argument("model", help="model weight file (.vlw)")
@@ -65,7 +66,7 @@ def main(argv=None, model_class=Model):
     parser.add_argument("output", help="where the cleaned samples go, same format and length")
     args = parser.parse_args(argv)
     signal = np.fromfile(args.input, dtype="<f4")
-    clean(model_class.load(args.model), signal).astype("<f4").tofile(args.output)
+    (clean_signal or clean)(model_class.load(args.model), signal).astype("<f4").tofile(args.output)
     return 0
 
 
