@@ -219,6 +219,39 @@ class LayerNormExportTest(unittest.TestCase):
         self.assertGreater(np.abs(reference - signal[:-geometry.hop] / 32768.0).max(), 0.05)
         np.testing.assert_allclose(library[:-geometry.hop], reference, atol=1e-3)
 
+    def test_gated_export_is_the_cleaner_behind_its_detector_in_reference_and_library(self):
+        import export
+        import make_v0_0_6_parity_case as case
+        import nc_v0_0_7_vad as nc7vad
+
+        signal = speech_like(16000, np.random.default_rng(3))
+        with tempfile.TemporaryDirectory() as folder:
+            geometry, model, mu, sd, _, _ = layer_norm_export(folder, "0.0.7")
+            detector = case.detector_records(16000, signal, np.random.default_rng(4), {})
+            path = os.path.join(folder, "gated.vlw")
+            gated = export.write_model(path, geometry, model, mu, sd, "test", "test", detector=detector)
+            with self.assertRaises(ValueError):  # only a 0.0.7 cleaner has a gated form
+                export.write_model(path, dataclasses.replace(geometry, generation="0.0.6"), model, mu, sd, "test",
+                                   detector=detector)
+            # Output hop m + 1 (one hop late) holds blocks m and m + 1: silence where the detector
+            # passed neither.
+            hop = geometry.hop
+            speech = nc7vad.probabilities(gated, signal) >= nc7vad.SPEECH
+            self.assertTrue(0.2 < speech.mean() < 0.8)
+            expected = nc7vad.clean(gated, signal)
+            quiet = ~speech[:-1] & ~speech[1:]
+            hops = expected[hop:].reshape(-1, hop)
+            self.assertFalse(np.any(hops[quiet]))
+            self.assertTrue(np.all(np.any(hops[speech[:-1] & speech[1:]], axis=1)))
+            if SONEL_TOOL:
+                import soundfile as sf
+                noisy, cleaned = os.path.join(folder, "in.wav"), os.path.join(folder, "out.wav")
+                sf.write(noisy, signal / 32768.0, 16000, subtype="FLOAT")
+                subprocess.run([SONEL_TOOL, "denoise", "--model", path, noisy, cleaned], check=True,
+                               capture_output=True)
+                library, _ = sf.read(cleaned, dtype="float32")
+                np.testing.assert_allclose(library[:-hop], expected[hop:] / 32768.0, atol=1e-3)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -153,7 +153,7 @@ def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL, g
 
     records = records_for(front, network, mu, sd)
     if gated:
-        records = gated_records(records, rate, signal, rng, controls)
+        records = nc7vad.gated_records(records, detector_records(rate, signal, rng, controls))
         gen = nc7vad
     os.makedirs(outdir, exist_ok=True)
     path = os.path.join(outdir, "model.vlw")
@@ -163,21 +163,18 @@ def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL, g
     gen.clean(gen.Model.load(path), signal).astype("<f4").tofile(os.path.join(outdir, "expected.f32"))
 
 
-def gated_records(cleaner, rate, signal, rng, controls):
-    """The v0.0.7 cleaner's records with its shared network names prefixed and a random detector
-    beside it: the cleaner's geometry (20 ms frames, 10 ms hops) at the cleaner's rate, bins 2 to
-    Nyquist (a top band cut short); without --defaults the compress rate 2 and the epsilon 0.01
-    written, else the defaults 3 and 0.001."""
-    records = dict(cleaner)
-    for role in nc7vad.SHARED:
-        records[nc7vad.CLEANER_NAMES[role]] = records.pop(nc7vad.lngru.NAMES[role])
+def detector_records(rate, signal, rng, controls):
+    """A random voice detector's records for a gated v0.0.7 file: the cleaner's geometry (20 ms
+    frames, 10 ms hops) at the cleaner's rate, bins 2 to Nyquist (a top band cut short); with
+    `controls` the compress rate 2 and the epsilon 0.01 written, else the defaults 3 and 0.001.
+    Its output is calibrated on `signal` to pass about half the hops, none near the decision."""
     hop, R = rate // 100, sw.Record
     compress = 2 if controls else nc7vad.DEFAULT_COMPRESS_RATE
     bands = nc.BandLayout(hop + 1, 2, hop, compress).count
-    records.update({
+    records = {
         "VadVersion": R(sw.STRING, "0.0.1"), "VadSampleRate": R(sw.UINT, rate), "VadFrameLength": R(sw.UINT, 2 * hop),
         "VadStep": R(sw.UINT, hop), "VadFiltrBegin": R(sw.UINT, 2), "VadFiltrEnd": R(sw.UINT, hop + 1),
-        "VadPreviewFrames": R(sw.UINT, VAD_PREVIEW), "VadCoefficientNumber": R(sw.UINT, bands)})
+        "VadPreviewFrames": R(sw.UINT, VAD_PREVIEW), "VadCoefficientNumber": R(sw.UINT, bands)}
     if controls:
         records.update({"CONTROL_VELTA_COMPRESS_RATE_VAD": R(sw.UINT, compress), "VadLpsEps": R(sw.FLOAT, 0.01)})
     features = VAD_PREVIEW * bands

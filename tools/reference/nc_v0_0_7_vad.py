@@ -37,6 +37,9 @@ SHARED = ("in_w", "in_b", "gru_w", "gru_b", "reset_w", "reset_b", "out_w", "out_
 CLEANER_NAMES = {role: (CLEANER_PREFIX if role in SHARED else "") + name for role, name in lngru.NAMES.items()}
 DETECTOR_NAMES = dict(lngru.NAMES, mu="VadMU", sd="VadSD", in_g="VadGainLinearNorm", in_beta="VadBiasLinearNorm",
                       out_g="VadGainNonLinearNorm", out_beta="VadBiasNonLinearNorm")
+# A detector's own records besides its network's (DETECTOR_NAMES).
+DETECTOR_SETTINGS = ("VadVersion", "VadSampleRate", "VadStep", "VadFiltrBegin", "VadFiltrEnd", "VadFrameLength",
+                     "VadPreviewFrames", "VadCoefficientNumber", "VadLpsEps", "CONTROL_VELTA_COMPRESS_RATE_VAD")
 SPEECH = F32(0.5)
 DEFAULT_LPS_EPS = F32(0.001)
 DEFAULT_COMPRESS_RATE = 3
@@ -47,6 +50,20 @@ OUTPUT_PREFILL_MS = {
     (30, 10): 25, (30, 20): 25, (30, 40): 25, (30, 30): 15, (30, 15): 15, (30, 32): 29,
     (20, 10): 10, (20, 20): 10, (20, 30): 10, (20, 40): 10, (20, 32): 18, (20, 15): 15,
 }
+
+
+def gated_records(cleaner, detector, vad_version="0.0.1"):
+    """A gated file's records from a v0.0.7 cleaner's (its shared network names get the prefix)
+    and a detector's settings and network; "VadVersion" is the detector's or `vad_version`."""
+    records = dict(cleaner)
+    for role in SHARED:
+        records[CLEANER_NAMES[role]] = records.pop(lngru.NAMES[role])
+    for name in DETECTOR_SETTINGS + tuple(DETECTOR_NAMES.values()):
+        if name in detector:
+            records[name] = detector[name]
+    if not (records.get("VadVersion") and records["VadVersion"].value):
+        records["VadVersion"] = sw.Record(sw.STRING, vad_version)
+    return records
 
 
 class Detector:
@@ -156,6 +173,12 @@ def clean(model, signal):
     signal = np.asarray(signal, F32)
     frames = [cleaner.process_frame(signal[i:i + model.hop]) for i in range(0, signal.size, model.hop)]
     return np.concatenate(frames) if frames else np.zeros(0, F32)
+
+
+def probabilities(model, signal):
+    """The detector's probability for every hop of a fresh stream fed `signal`."""
+    stream = DetectorStream(model.detector)
+    return np.array([stream.probability(f) for f in detector_frames(model.detector, signal)])
 
 
 def detector_frames(detector, signal):
