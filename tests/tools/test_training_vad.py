@@ -70,6 +70,43 @@ class VadTrainingTest(unittest.TestCase):
         self.assertLess(float(calibrated.min()), 1e-4)
         self.assertGreater(float(calibrated.max()), 1 - 1e-4)
 
+    def test_gating_detector_export_gives_the_reference_the_trained_probabilities_moved_to_its_threshold(self):
+        import gated_vad
+        import nc_v0_0_7_vad as nc7vad
+        import vad
+
+        rate = 16000
+        detector = gated_vad.GatedDetector(rate)
+        torch.manual_seed(6)
+        network = detector.network()
+        with torch.no_grad():
+            for p in network.parameters():
+                p.add_(0.1 * torch.randn_like(p))
+        network.eval()
+        rng = np.random.default_rng(7)
+        signal = rng.standard_normal(2 * rate) * np.repeat(rng.uniform(0.0, 6000.0, 20), rate // 10)
+        signal[rate // 2:rate] = 0.0
+        signal = np.round(signal).astype(np.float32)
+        features = detector.features(signal)
+        mu, sd = detector.normalisation(features)
+        with torch.no_grad():
+            raw = network(torch.from_numpy(detector.inputs(features, mu, sd)[None]))[0][0].numpy()
+        threshold = float(np.median(raw))
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, "detector.vlw")
+            detector.write(path, None, network, mu, sd, (raw.min(), threshold, raw.max()), "test")
+            records = nc7vad.sw.read_file(path)
+        self.assertEqual(records["VadSampleRate"].value, rate)
+        stream = nc7vad.DetectorStream(nc7vad.Detector(records))
+        probabilities = np.array([stream.probability(f) for f in nc7vad.detector_frames(stream.d, signal)])
+        np.testing.assert_allclose(probabilities, 1 / (1 + np.exp(threshold - raw)), atol=1e-5)
+        self.assertAlmostEqual(float(np.mean(probabilities >= 0.5)), 0.5, delta=0.02)
+
+        # A hop is speech when either half of its frame is: one hop more than the hangover holds.
+        target = np.zeros(rate // 2, np.float32)
+        target[rate // 10:rate // 10 + rate // 100] = 3000.0
+        self.assertEqual(list(np.flatnonzero(detector.labels(target))), list(range(10, 12 + vad.HANGOVER_BLOCKS)))
+
 
 if __name__ == "__main__":
     unittest.main()

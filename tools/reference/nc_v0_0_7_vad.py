@@ -66,8 +66,8 @@ def gated_records(cleaner, detector, vad_version="0.0.1"):
     return records
 
 
-class Detector:
-    """The detector's records and geometry, checked against each other."""
+class DetectorFrontEnd:
+    """The detector's settings, and its features of one frame."""
 
     def __init__(self, records):
         get = lambda name: _record(records, name, sw.UINT)  # noqa: E731
@@ -82,9 +82,11 @@ class Detector:
         if get("VadCoefficientNumber") != self.bands.count:
             raise ValueError("VadCoefficientNumber must be the band count %d" % self.bands.count)
         self.window = np.hanning(self.frame).astype(F32)
-        self.weights = lngru.Weights(records, self.preview * self.bands.count, False, DETECTOR_NAMES)
-        if self.weights.outputs != 1:
-            raise ValueError("the detector's last layer gives %d values, not one" % self.weights.outputs)
+
+    @property
+    def inputs(self):
+        """Network input length: the preview frames' bands."""
+        return self.preview * self.bands.count
 
     def features(self, frame):
         """Log band powers of one frame, its level normalised to the target level."""
@@ -94,6 +96,23 @@ class Detector:
         spectrum = np.fft.rfft(x * self.window).astype(np.complex64)
         power = np.square(gain * np.hypot(spectrum.real, spectrum.imag))
         return np.log(self.bands.compress(power) + self.eps).astype(F32)
+
+    def contexts(self, signal):
+        """The network's raw input for every hop of a fresh stream fed `signal`: the newest
+        preview frames' features, oldest first, zeros before the stream."""
+        features = np.stack([self.features(f) for f in detector_frames(self, signal)])
+        padded = np.concatenate([np.zeros((self.preview - 1, self.bands.count), F32), features])
+        return np.stack([padded[k:k + self.preview].ravel() for k in range(len(features))])
+
+
+class Detector(DetectorFrontEnd):
+    """The detector's settings and network, checked against each other."""
+
+    def __init__(self, records):
+        super().__init__(records)
+        self.weights = lngru.Weights(records, self.inputs, False, DETECTOR_NAMES)
+        if self.weights.outputs != 1:
+            raise ValueError("the detector's last layer gives %d values, not one" % self.weights.outputs)
 
 
 class DetectorStream:

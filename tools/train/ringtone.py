@@ -267,10 +267,10 @@ class RingtoneNetwork(torch.nn.Module):
     """The 0.0.6 network form: one layer-normalised input layer, a GRU, one layer-normalised
     hidden layer and a logistic output (docs/design.md)."""
 
-    def __init__(self, widths=WIDTHS):
+    def __init__(self, widths=WIDTHS, features=rt.FEATURES):
         super().__init__()
         inp, state, hid = widths
-        self.inp = torch.nn.Linear(rt.FEATURES, inp)
+        self.inp = torch.nn.Linear(features, inp)
         self.inp_norm = torch.nn.LayerNorm(inp, eps=rt.NORM_EPSILON)
         self.gru = torch.nn.GRU(inp, state, batch_first=True)
         self.hid = torch.nn.Linear(state, hid)
@@ -283,15 +283,18 @@ class RingtoneNetwork(torch.nn.Module):
         return self.out(torch.tanh(self.hid_norm(self.hid(y))))[..., 0], state
 
 
-def records(model, mu, sd, timestamp="training"):
-    """The network's weights as the 0.0.6 records (the GRU regrouped by network.gru_records)."""
+def network_arrays(model):
+    """The network's weights in the order of the 0.0.6 records after MU and SD (input layer, the
+    GRU regrouped by network.gru_records, output layers, their norms)."""
     p = lambda t: t.detach().numpy().astype(F32)  # noqa: E731
-    return rt.model_records(mu, sd, [p(model.inp.weight)], [p(model.inp.bias)],
-                            [p(model.inp_norm.weight)], [p(model.inp_norm.bias)],
-                            *gru_records(model.gru),
-                            [p(model.hid.weight), p(model.out.weight)], [p(model.hid.bias), p(model.out.bias)],
-                            [p(model.hid_norm.weight)], [p(model.hid_norm.bias)],
-                            name=MODEL_NAME, timestamp=timestamp)
+    return ([p(model.inp.weight)], [p(model.inp.bias)], [p(model.inp_norm.weight)], [p(model.inp_norm.bias)],
+            *gru_records(model.gru), [p(model.hid.weight), p(model.out.weight)],
+            [p(model.hid.bias), p(model.out.bias)], [p(model.hid_norm.weight)], [p(model.hid_norm.bias)])
+
+
+def records(model, mu, sd, timestamp="training"):
+    """The network's weights as the 0.0.6 records."""
+    return rt.model_records(mu, sd, *network_arrays(model), name=MODEL_NAME, timestamp=timestamp)
 
 
 def scores(model, data, keys, mu, sd):

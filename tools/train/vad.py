@@ -89,29 +89,57 @@ def part(corpus, validation):
     return out
 
 
+class Vad001:
+    """What the VAD_0.0.1 detector is trained on and how it is written; a detector of another
+    model (gated_vad.py) gives its own."""
+
+    rate = RATE
+
+    def features(self, signal):
+        return vad.stream_features(signal, RATE, FRAME_LENGTH)
+
+    def labels(self, target):
+        return speech_labels(target, RATE)
+
+    def normalisation(self, features):
+        """MU and SD (a variance here) from the features of the normalisation mixtures."""
+        return features.mean(0).astype(F32), np.maximum(features.var(0), SD_FLOOR).astype(F32)
+
+    def inputs(self, features, mu, sd):
+        return vad.network_inputs(features, mu, sd)
+
+    def network(self):
+        return DetectorNetwork()
+
+    def write(self, path, key, model, mu, sd, thresholds, timestamp):
+        sw.WeightWriter(records(model, mu, sd, thresholds, timestamp)).write_file(path, key)
+        vad.Model(sw.read_file(path, key))  # the reference accepts what was written
+
+
 _mixers = None
 
 
-def _init(corpus_folder, seconds, seed, noise_only):
+def _init(corpus_folder, seconds, seed, noise_only, detector):
     global _mixers
     corpus = Corpus(corpus_folder)
-    _mixers = {v: Mixer(part(corpus, v), seconds, noise_only=noise_only) for v in (False, True)}, seed
+    _mixers = {v: Mixer(part(corpus, v), seconds, noise_only=noise_only) for v in (False, True)}, seed, detector
 
 
 def _example(key):
     """Features and labels of mixture (epoch, index); validation epochs draw from validation
     recordings."""
-    mixers, seed = _mixers
+    mixers, seed, detector = _mixers
     epoch, index = key
     mix = mixers[epoch == VALIDATION_EPOCH](np.random.default_rng([seed, epoch, index]))
-    features = vad.stream_features(mix.noisy, RATE, FRAME_LENGTH)
-    labels = speech_labels(mix.target, RATE)[:len(features)]
+    features = detector.features(mix.noisy)
+    labels = detector.labels(mix.target)[:len(features)]
     return features, labels
 
 
 class Data:
-    def __init__(self, workers, corpus_folder, seconds, seed, noise_only):
-        self.pool = Pool(workers, _init, (corpus_folder, seconds, seed, noise_only))
+    def __init__(self, workers, corpus_folder, seconds, seed, noise_only, detector):
+        self.detector = detector
+        self.pool = Pool(workers, _init, (corpus_folder, seconds, seed, noise_only, detector))
 
     def examples(self, keys):
         return self.pool.map(_example, keys)
@@ -124,7 +152,7 @@ class Data:
             examples = pending.get()
             if i + 1 < len(groups):
                 pending = self.pool.map_async(_example, groups[i + 1])
-            yield (np.stack([vad.network_inputs(f, mu, sd) for f, _ in examples]),
+            yield (np.stack([self.detector.inputs(f, mu, sd) for f, _ in examples]),
                    np.stack([labels for _, labels in examples]))
 
     def close(self):
@@ -203,8 +231,8 @@ def validation_report(model, data, args, mu, sd):
             "onsets_50ms": found / max(starts, 1), "threshold": best}
 
 
-def parse_args(argv):
-    p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+def parse_args(argv, description=__doc__):
+    p = argparse.ArgumentParser(description=description.split("\n\n")[0])
     p.add_argument("--state-dir", required=True)
     p.add_argument("--data", default=str(DEFAULT_DATA))
     p.add_argument("--extra-data", help="output folder of ../shared/data/debian/fetch.sh (default: "
@@ -234,17 +262,19 @@ def parse_args(argv):
     return args
 
 
-def main(argv=None):
-    args = parse_args(argv)
+def main(argv=None, detector=None, description=__doc__):
+    """Trains `detector` (default the VAD_0.0.1 detector) as the command line says."""
+    args = parse_args(argv, description)
+    detector = detector or Vad001()
     torch.set_num_threads(1)
     torch.manual_seed(args.seed)
     state_dir = Path(args.state_dir)
     state_dir.mkdir(parents=True, exist_ok=True)
     checkpoint_path = state_dir / "checkpoint.pt"
-    corpus_folder = Corpus.load_or_build(args.data, "train", RATE, args.cache_dir, args.workers,
+    corpus_folder = Corpus.load_or_build(args.data, "train", detector.rate, args.cache_dir, args.workers,
                                          args.extra_data).folder
-    data = Data(args.workers, corpus_folder, args.seconds, args.seed, args.noise_only_share)
-    model = DetectorNetwork()
+    data = Data(args.workers, corpus_folder, args.seconds, args.seed, args.noise_only_share, detector)
+    model = detector.network()
     optimizer = torch.optim.Adam(model.parameters(), lr=args.lr)
     try:
         if checkpoint_path.exists():
@@ -255,8 +285,7 @@ def main(argv=None):
             print("resumed at epoch %d" % epoch, flush=True)
         else:
             examples = data.examples([(NORMALISATION_EPOCH, i) for i in range(args.normalisation)])
-            features = np.concatenate([f for f, _ in examples])
-            mu, sd = features.mean(0).astype(F32), np.maximum(features.var(0), SD_FLOOR).astype(F32)
+            mu, sd = detector.normalisation(np.concatenate([f for f, _ in examples]))
             epoch, step, history = 0, 0, []
         if args.report:
             model.eval()
@@ -284,7 +313,8 @@ def main(argv=None):
                     loss.backward()
                     torch.nn.utils.clip_grad_norm_(model.parameters(), 1.0)
                     optimizer.step()
-                    model.bound_recurrence()
+                    if hasattr(model, "bound_recurrence"):
+                        model.bound_recurrence()
                     state = state.detach()
                     step += 1
                     running.append(float(loss))
@@ -306,8 +336,7 @@ def main(argv=None):
             key = sw.key_from_build(args.build_dir) if args.build_dir else None
             timestamp = time.strftime("%Y%m%dT%H%M%S", time.gmtime())
             for out in args.export:
-                sw.WeightWriter(records(model, mu, sd, thresholds, timestamp)).write_file(out, key)
-                vad.Model(sw.read_file(out, key))  # the reference accepts what was written
+                detector.write(out, key, model, mu, sd, thresholds, timestamp)
                 print("wrote %s" % out, flush=True)
         return 0
     finally:
