@@ -228,13 +228,7 @@ bool NoiseCleanerWithVad_v0_0_7::cleanNoise(std::vector<float>& frame, ncAudioIn
 }
 
 void NoiseCleanerWithVad_v0_0_7::vadCleaner(const float* frame, std::vector<float>& out) {
-    const size_t n = vad_.frameLength;
-    double energy = 0.0;
-    for (size_t i = 0; i < n; ++i) {
-        vadWindowed_[i] = frame[i] * vadWindow_[i];
-        energy += static_cast<double>(frame[i]) * frame[i];
-    }
-    energy /= static_cast<double>(n);
+    const double energy = UTIL_FUNCTIONS::applyWindow(frame, vadWindow_.data(), vad_.frameLength, vadWindowed_.data());
     vadTransform_->forward(vadWindowed_.data(), vadSpectrum_.data());
     const float gain = energy > 1e-6 ? static_cast<float>(vad_.targetLevel / std::sqrt(energy)) : 1.0f;
     for (size_t k = 0; k < vadPower_.size(); ++k) {

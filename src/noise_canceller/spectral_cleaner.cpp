@@ -132,12 +132,7 @@ bool SpectralCleaner::cleanNoise(std::vector<float>& frame, ncAudioInfo_t* info,
 bool SpectralCleaner::mainCleaner(const float* block, std::vector<float>& out,
                                   ncAudioInfo_t* /*info*/, bool notClipped) {
     const size_t n = frontEnd_.frameLength;
-    double rawEnergy = 0.0;
-    for (size_t i = 0; i < n; ++i) {
-        windowed_[i] = block[i] * window_[i];
-        rawEnergy += static_cast<double>(block[i]) * block[i];
-    }
-    rawEnergy /= static_cast<double>(n);
+    const double rawEnergy = UTIL_FUNCTIONS::applyWindow(block, window_.data(), n, windowed_.data());
     post_.observeBlock(windowed_);
     ++blocksInFrame_;
 

@@ -45,4 +45,13 @@ size_t generateTriangularWindowVector(size_t n, float* out, size_t) {
     return n;
 }
 
+double applyWindow(const float* frame, const float* window, size_t n, float* out) {
+    double energy = 0.0;
+    for (size_t i = 0; i < n; ++i) {
+        out[i] = frame[i] * window[i];
+        energy += static_cast<double>(frame[i]) * frame[i];
+    }
+    return n ? energy / static_cast<double>(n) : 0.0;
+}
+
 }  // namespace SONEL::UTIL_FUNCTIONS

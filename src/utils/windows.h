@@ -20,4 +20,8 @@ void generateVorbisWindowVector(size_t n, float* out, size_t unused = 0);
 // value is 0, for n = 1 the single value is 0. Returns n.
 size_t generateTriangularWindowVector(size_t n, float* out, size_t unused = 0);
 
+// out[i] = frame[i] · window[i] for i < n, and the mean square of the frame as it came (in
+// double): the level a front end normalises by, taken in the same pass.
+double applyWindow(const float* frame, const float* window, size_t n, float* out);
+
 }  // namespace SONEL::UTIL_FUNCTIONS
