@@ -63,6 +63,22 @@ LayerNormGru::Keys NoiseCleanerWithVad_v0_0_7::detectorKeys() {
 
 NoiseCleanerWithVad_v0_0_7::VadParams NoiseCleanerWithVad_v0_0_7::VadParams::read(const WEIGHTS::ModelPair& model) {
     const WEIGHTS::Weight& w = *model.first;
+    // The network's records are the detector network's to check; a missing one is named here
+    // first, in the order the detector's records are listed.
+    using Vectors = std::vector<std::vector<float>>;
+    const LayerNormGru::Keys keys = detectorKeys();
+    w.get<std::vector<float>>(keys.mean);
+    w.get<std::vector<float>>(keys.deviation);
+    w.get<std::vector<CONTAINERS::Matrix>>(keys.inputWeights);
+    w.get<std::vector<CONTAINERS::Matrix>>(keys.outputWeights);
+    for (const std::string* name : {&keys.inputBiases, &keys.outputBiases}) w.get<Vectors>(*name);
+    w.get<CONTAINERS::Matrix>(keys.gruWeight);
+    w.get<std::vector<float>>(keys.gruBias);
+    w.get<CONTAINERS::Matrix>(keys.resetWeight);
+    w.get<std::vector<float>>(keys.resetBias);
+    for (const std::string* name :
+         {&keys.inputNormBiases, &keys.outputNormBiases, &keys.inputGains, &keys.outputGains})
+        w.get<Vectors>(*name);
     VadParams p;
     p.sampleRate = w.get<unsigned>("VadSampleRate");
     p.step = w.get<unsigned>("VadStep");

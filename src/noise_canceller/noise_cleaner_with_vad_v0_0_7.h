@@ -5,6 +5,7 @@
 // speech becomes silence. docs/design.md ("Noise cleaner with voice detector v0.0.7") gives the
 // records of such a file and the choices made here.
 #include <complex>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
