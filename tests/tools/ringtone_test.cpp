@@ -73,7 +73,9 @@ TEST(RingtoneTool, RingUnderSpeechIsFoundWhileItRingsAndSpeechAloneIsNot) {
     std::istringstream lines(text);
     for (double start, end; lines >> start >> end;) {
         EXPECT_GE(start, 3.0) << "nothing before the ring starts: " << text;
-        EXPECT_LE(end, 8.5) << text;
+        // The ring stops at 8 s; the detector is trained to hold 200 ms past a ring, the tool
+        // holds a segment 300 ms more, and the 32 ms analysis frame and the decay add a little.
+        EXPECT_LE(end, 8.6) << text;
     }
 }
 
