@@ -109,6 +109,26 @@ class LevelMeasuresTest(unittest.TestCase):
                 self.assertAlmostEqual(metrics.segmental_snr(signal, signal + noise, rate), snr, delta=0.3)
         self.assertAlmostEqual(metrics.level_change_db(signal, 0.1 * signal), 20.0, places=9)
 
+    def test_onsets_are_the_first_200_ms_after_each_long_pause(self):
+        for rate in RATES:
+            with self.subTest(rate=rate):
+                clean = speech_like(rate)
+                mask = metrics.onset_mask(clean, rate)
+                # Utterances start at 0, and after the pauses ending at 1.3 and 2.5 s; the 125 ms
+                # gaps between syllables are no pause.
+                starts = np.flatnonzero(np.diff(mask.astype(int)) == 1) + 1
+                self.assertEqual(mask[0], True)
+                np.testing.assert_allclose(starts / rate, [1.3, 2.5], atol=0.021)
+                self.assertEqual(mask.sum(), 3 * int(0.2 * rate))
+                # A gate that opens 100 ms late loses half of each onset: the onset measure
+                # falls far below the whole signal's, which the rest of the speech holds up.
+                late = clean.copy()
+                for start in np.concatenate([[0], starts]):
+                    late[start:start + rate // 10] = 0.0
+                whole, onset = metrics.si_sdr(clean, late), metrics.onset_si_sdr(clean, late, rate)
+                self.assertLess(onset, whole - 3.0)
+                self.assertGreater(metrics.onset_si_sdr(clean, clean + 1e-6 * late, rate), 100.0)
+
     def test_confidence_interval(self):
         # Mean 3, s = 1.5811, t(0.975, 4) = 2.7764: half-width 2.7764 * 1.5811 / sqrt(5).
         mean, half = report.mean_ci([1.0, 2.0, 3.0, 4.0, 5.0])

@@ -35,10 +35,12 @@ RNNOISE_DIR = os.path.join(EVAL_DIR, "rnnoise")
 
 
 class Tools:
-    """What runs the systems: the sonel-eval-run binary, the Sonel model files, Node.js."""
+    """What runs the systems: the sonel-eval-run binary, the Sonel model files, Node.js.
+    `variants` ({system name: model files}) are further Sonel systems, each with its own models
+    registered instead of `models`: model generations measured side by side."""
 
-    def __init__(self, runner, models):
-        self.runner, self.models = runner, models
+    def __init__(self, runner, models, variants=None):
+        self.runner, self.models, self.variants = runner, models, variants or {}
 
     def run(self, system, rate_hz, pairs, scratch):
         """Writes each (input, output) pair's output; raw float32 files at rate_hz."""
@@ -63,9 +65,10 @@ class Tools:
                                    "(or npm ci --prefix tools/eval/rnnoise)")
             command = ["node", os.path.join(RNNOISE_DIR, "denoise.mjs"), listing]
         else:
-            command = [self.runner, system, str(rate_hz), listing]
-            if system == SONEL:
-                command += model_args(self.models)
+            variant = self.variants.get(system)
+            command = [self.runner, SONEL if variant else system, str(rate_hz), listing]
+            if system == SONEL or variant:
+                command += model_args(variant or self.models)
         subprocess.run(command + ["--flush-ms", str(FLUSH_MS)], check=True, stdout=subprocess.DEVNULL)
 
 
@@ -123,6 +126,8 @@ def _scores(item, signal, reference, output, rate_hz):
                 "estoi": metrics.estoi(reference, output, rate_hz)}
     stoi, estoi = metrics.stoi_and_estoi(reference, output, rate_hz)
     return {"si_sdr": metrics.si_sdr(reference, output), "si_sdr_in": metrics.si_sdr(reference, signal),
+            "onset_si_sdr": metrics.onset_si_sdr(reference, output, rate_hz),
+            "onset_si_sdr_in": metrics.onset_si_sdr(reference, signal, rate_hz),
             "stoi": stoi, "estoi": estoi, "seg_snr": metrics.segmental_snr(reference, output, rate_hz)}
 
 

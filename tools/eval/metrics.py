@@ -10,6 +10,8 @@ Every function takes 1-D arrays of the same length at the same rate, already ali
   ratio of -15 dB; ESTOI correlates whole segments normalised over time and then over bands.
 - Segmental SNR: mean of per-frame SNRs limited to -10 ... 35 dB (30 ms Hann frames, 75 % overlap).
 - Level change: how many dB quieter the output is than the input (noise-only set).
+- Onset SI-SDR: SI-SDR over the first 200 ms of each utterance alone, where a cleaner that waits
+  to be sure of speech (a voice gate, a slow noise estimate) loses the most.
 """
 
 import math
@@ -17,6 +19,8 @@ import math
 import numpy as np
 from numpy.lib.stride_tricks import sliding_window_view
 from scipy.signal import resample_poly
+
+import testsets
 
 # Guards divisions by energies of exactly silent signals.
 TINY = np.finfo(np.float64).tiny
@@ -30,6 +34,11 @@ STOI_LOWEST_CENTRE_HZ = 150.0
 STOI_SEGMENT_FRAMES = 30  # 30 hops of 12.8 ms: 384 ms
 STOI_CLIP_SDR_DB = -15.0
 STOI_DYNAMIC_RANGE_DB = 40.0
+
+# An utterance starts at a speech frame after at least this long without one (a breath between
+# phrases is shorter; the pauses between a talker's recordings are longer).
+ONSET_PAUSE_MS = 300.0
+ONSET_MS = 200.0
 
 SEG_SNR_FRAME_MS = 30.0
 SEG_SNR_HOP_FRACTION = 0.25
@@ -53,6 +62,27 @@ def si_sdr(reference, processed):
     if distortion == 0.0:
         return math.inf
     return 10.0 * math.log10(max(np.sum(target ** 2), TINY) / distortion)
+
+
+def onset_mask(reference, rate_hz):
+    """Which samples of the clean `reference` are in the first ONSET_MS of an utterance: from each
+    speech frame (testsets.active_frames) that follows ONSET_PAUSE_MS without one, or the first."""
+    frame, _, active = testsets.active_frames(np.asarray(reference, dtype=np.float64), rate_hz)
+    pause = int(round(ONSET_PAUSE_MS / testsets.ACTIVE_FRAME_MS))
+    mask = np.zeros(len(reference), dtype=bool)
+    quiet = pause
+    for k, speech in enumerate(active):
+        if speech and quiet >= pause:
+            mask[k * frame:k * frame + int(rate_hz * ONSET_MS / 1000)] = True
+        quiet = 0 if speech else quiet + 1
+    return mask
+
+
+def onset_si_sdr(reference, processed, rate_hz):
+    """SI-SDR (dB) over the onset samples of `reference` alone, taken as one signal."""
+    x, y = _pair(reference, processed)
+    mask = onset_mask(x, rate_hz)
+    return si_sdr(x[mask], y[mask])
 
 
 def level_change_db(before, after):

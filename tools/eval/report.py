@@ -11,10 +11,11 @@ import evaluate
 import testsets
 
 # (row key, heading, unit) of the mixture tables, in report order.
-MIX_METRICS = (("delta_si_sdr", "ΔSI-SDR", "dB"), ("si_sdr", "SI-SDR", "dB"), ("stoi", "STOI", ""),
+ONSET_METRIC = ("delta_onset_si_sdr", "ΔSI-SDR of speech onsets (the first 200 ms of each utterance)", "dB")
+MIX_METRICS = (("delta_si_sdr", "ΔSI-SDR", "dB"), ONSET_METRIC, ("si_sdr", "SI-SDR", "dB"), ("stoi", "STOI", ""),
                ("estoi", "ESTOI", ""), ("seg_snr", "Segmental SNR", "dB"))
 # (row key, heading, unit) of the tables repeated for each noise group.
-GROUP_METRICS = (("delta_si_sdr", "ΔSI-SDR", "dB"), ("estoi", "ESTOI", ""))
+GROUP_METRICS = (("delta_si_sdr", "ΔSI-SDR", "dB"), ONSET_METRIC, ("estoi", "ESTOI", ""))
 GROUP_NAMES = {testsets.SEEN: "seen noise sources", testsets.UNSEEN: "unseen noise sources"}
 PLOTS = {"delta_si_sdr": "quality/delta-si-sdr.png", "estoi": "quality/estoi.png",
          "delta_si_sdr_by_group": "quality/delta-si-sdr-by-group.png",
@@ -35,6 +36,8 @@ def _with_delta(rows):
     for row in rows:
         if "si_sdr_in" in row:
             row = dict(row, delta_si_sdr=row["si_sdr"] - row["si_sdr_in"])
+        if "onset_si_sdr_in" in row:
+            row = dict(row, delta_onset_si_sdr=row["onset_si_sdr"] - row["onset_si_sdr_in"])
         yield row
 
 
@@ -59,7 +62,16 @@ def _cell(values, digits):
 
 
 def system_label(system, model):
+    variant = model.get("variants", {}).get(system)
+    if variant:
+        return "%s (%s)" % (system, variant["label"])
     return "sonel (%s)" % model["label"] if system == evaluate.SONEL else system
+
+
+def present_systems(result):
+    """The systems with scores, peers in their fixed order, then Sonel's model variants by name."""
+    present = {row["system"] for row in result["rows"]}
+    return [s for s in evaluate.SYSTEMS if s in present] + sorted(present - set(evaluate.SYSTEMS))
 
 
 def _snrs(summary, rate):
@@ -71,7 +83,7 @@ def _mixture_table(summary, rate, systems, metric, unit, model, group=None):
     lines = ["| system | " + " | ".join("%+d dB" % s if s else "0 dB" for s in snrs) + " | all |",
              "|---" * (len(snrs) + 2) + "|"]
     for system in systems:
-        if metric == "delta_si_sdr" and system == evaluate.NOISY:
+        if metric.startswith("delta_") and system == evaluate.NOISY:
             continue
         cells = [_cell(summary[(rate, system, "mix", snr, group)][metric], 2 if unit == "dB" else 3)
                  for snr in snrs + [None]]
@@ -173,7 +185,7 @@ def _extra_folder(holdout):
 
 def markdown(result, items, holdout, model, command, machine):
     rates = sorted({row["rate_hz"] for row in result["rows"]}, reverse=True)
-    systems = [s for s in evaluate.SYSTEMS if any(r["system"] == s for r in result["rows"])]
+    systems = present_systems(result)
     summary = summarise(result["rows"])
     lines = [
         "# Objective quality",
@@ -220,6 +232,8 @@ def markdown(result, items, holdout, model, command, machine):
         "- `rnnoise`: RNNoise, WebAssembly build from npm (`@jitsi/rnnoise-wasm` 0.2.1, its 0.2 "
         "model), 480-sample frames at 48 kHz; the 16 kHz set is resampled to 48 kHz and back.",
         "- `sonel`: the public C interface, float path, one NC session per item, every model listed above registered (a session runs the one for its rate).",
+    ] + ["- `%s`: as `sonel`, with `%s` registered instead." % (system, variant["path"])
+         for system, variant in sorted(model.get("variants", {}).items())] + [
         "",
         "All run 10 ms frames with fresh state per item. Each output is moved earlier by the system's "
         "constant delay (median lag of the cross-correlation peak over the clean-only items, to "
@@ -274,13 +288,13 @@ def plots(result, eval_dir, docs_dir, model):
 
     summary = summarise(result["rows"])
     rates = sorted({row["rate_hz"] for row in result["rows"]}, reverse=True)
-    systems = [s for s in evaluate.SYSTEMS if any(r["system"] == s for r in result["rows"])]
+    systems = present_systems(result)
     os.makedirs(os.path.join(docs_dir, "quality"), exist_ok=True)
 
     def against_snr(axis, rate, metric, label, group=None):
         snrs = _snrs(summary, rate)
         for system in systems:
-            if metric == "delta_si_sdr" and system == evaluate.NOISY:
+            if metric.startswith("delta_") and system == evaluate.NOISY:
                 continue
             stats = [mean_ci(summary[(rate, system, "mix", s, group)][metric]) for s in snrs]
             style = {"color": "black", "linestyle": "--"} if system == evaluate.NOISY else {}

@@ -3,7 +3,7 @@
 and SpeexDSP.
 
     sonel_eval.py quality [--build-dir DIR] [--extra-data DIR] [--model PATH]... [--rates 48000,16000]
-                          [--systems A,B] [--from-scores]
+                          [--systems A,B] [--variant NAME=PATH[,PATH]]... [--from-scores]
         Renders the test sets from the holdout corpus, runs every system over them, and writes
         docs/quality.md and docs/quality/*.png (--from-scores: from the last run's scores).
     sonel_eval.py smoke [--build-dir DIR] [--model PATH]... [--set-threshold] [--no-build]
@@ -127,9 +127,12 @@ def run_quality(args, argv):
         items = testsets.plan(holdout)
         ensure_built(args.build_dir, ["sonel-eval-run"], args.build)
         model = resolve_models(args.model, args.build_dir)
-        tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["files"])
+        model["variants"] = {evaluate.SONEL + "-" + name: resolve_models(paths.split(","), args.build_dir)
+                             for name, _, paths in (v.partition("=") for v in args.variant)}
+        tools = evaluate.Tools(os.path.join(args.build_dir, "tools", "eval", "sonel-eval-run"), model["files"],
+                               {system: variant["files"] for system, variant in model["variants"].items()})
         result = evaluate.evaluate(items, holdout, os.path.join(args.build_dir, "eval"), args.rates,
-                                   args.systems, tools)
+                                   args.systems + sorted(model["variants"]), tools)
         command = command_line(argv)
         with open(scores, "w", encoding="utf-8") as out:
             json.dump(dict(result, model=model, command=command, extra_data=args.extra_data), out)
@@ -232,6 +235,9 @@ def main(argv=None):
             sub.add_argument("--rates", type=lambda s: [int(r) for r in s.split(",")], default=list(RATES))
         if name == "quality":
             sub.add_argument("--systems", type=lambda s: s.split(","), default=list(evaluate.SYSTEMS))
+            sub.add_argument("--variant", action="append", default=[], metavar="NAME=MODEL[,MODEL]",
+                             help="a further Sonel system, sonel-NAME, with these models registered "
+                                  "instead (model generations side by side); repeatable")
             sub.add_argument("--from-scores", action="store_true",
                              help="rewrite the report from BUILD/eval/scores.json without running anything")
         if name == "smoke":

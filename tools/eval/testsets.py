@@ -213,12 +213,18 @@ def load(path, rate_hz):
     return resample(samples.mean(axis=1), native, rate_hz)
 
 
-def active_power(signal, rate_hz):
-    """Mean power of the 20 ms frames within 40 dB of the loudest one."""
+def active_frames(signal, rate_hz):
+    """(samples per frame, power of each whole 20 ms frame, which frames are within 40 dB of the
+    loudest): the frames that count as speech in a level or an onset."""
     frame = int(rate_hz * ACTIVE_FRAME_MS / 1000)
     frames = signal[:len(signal) // frame * frame].reshape(-1, frame)
     power = np.mean(frames ** 2, axis=1)
-    active = power >= power.max() * 10.0 ** (-ACTIVE_RANGE_DB / 10.0)
+    return frame, power, power >= power.max() * 10.0 ** (-ACTIVE_RANGE_DB / 10.0)
+
+
+def active_power(signal, rate_hz):
+    """Mean power of the 20 ms frames within 40 dB of the loudest one."""
+    _, power, active = active_frames(signal, rate_hz)
     return float(np.mean(power[active]))
 
 
