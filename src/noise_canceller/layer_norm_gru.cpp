@@ -8,6 +8,7 @@
 namespace SONEL::NOISE_CANCELLER {
 
 using CONTAINERS::Matrix;
+using UTIL_FUNCTIONS::blockMatMulPlus;
 using UTIL_FUNCTIONS::groupedMatMulPlusB;
 
 namespace {
@@ -76,7 +77,11 @@ size_t chainLayers(const std::vector<Matrix>& weights, const Vectors& biases, co
 LayerNormGru::LayerNormGru(const WEIGHTS::ModelPair& model, size_t featureCount, const Keys& keys)
     : weight_(model.first),
       mean_(model.first->get<std::vector<float>>(keys.mean)),
-      deviation_(model.first->get<std::vector<float>>(keys.deviation)) {
+      deviation_(model.first->get<std::vector<float>>(keys.deviation)),
+      gruWeight_(model.first->get<Matrix>(keys.gruWeight)),
+      gruBias_(model.first->get<std::vector<float>>(keys.gruBias)),
+      resetWeight_(model.first->get<Matrix>(keys.resetWeight)),
+      resetBias_(model.first->get<std::vector<float>>(keys.resetBias)) {
     const WEIGHTS::Weight& w = *weight_;
     const auto& inWeights = w.get<std::vector<Matrix>>(keys.inputWeights);
     const auto& inBiases = w.get<Vectors>(keys.inputBiases);
@@ -141,38 +146,12 @@ LayerNormGru::LayerNormGru(const WEIGHTS::ModelPair& model, size_t featureCount,
         widest = std::max<size_t>(widest, outWeights[k].columns * outGroups[k]);
     }
 
-    // WeightGRU's rows 0 … H − 1 are the update gate, H … 2H − 1 the candidate; in each row the
-    // first I / G columns read the input, the rest the state. BiasGRU: update, candidate input,
-    // candidate state. Unit i belongs to group i / (H / G); its group's rows are kept together.
     gruGroups_ = groups;
-    fromInputWeight_ = Matrix(static_cast<unsigned>(3 * hidden), static_cast<unsigned>(groupIn));
-    fromStateWeight_ = Matrix(static_cast<unsigned>(3 * hidden), static_cast<unsigned>(groupState));
-    auto split = [&](const Matrix& source, size_t sourceRow, size_t row) {
-        for (size_t c = 0; c < groupIn; ++c)
-            fromInputWeight_.at(static_cast<unsigned>(row), static_cast<unsigned>(c)) =
-                source.at(static_cast<unsigned>(sourceRow), static_cast<unsigned>(c));
-        for (size_t c = 0; c < groupState; ++c)
-            fromStateWeight_.at(static_cast<unsigned>(row), static_cast<unsigned>(c)) =
-                source.at(static_cast<unsigned>(sourceRow), static_cast<unsigned>(groupIn + c));
-    };
-    fromInputBias_.assign(3 * hidden, 0.0f);
-    fromStateBias_.assign(3 * hidden, 0.0f);
-    for (size_t i = 0; i < hidden; ++i) {
-        const size_t base = 3 * (i - i % groupState) + i % groupState;
-        split(gruWeight, i, base);                                // update
-        split(resetWeight, i, base + groupState);                 // reset
-        split(gruWeight, hidden + i, base + 2 * groupState);      // candidate
-        fromInputBias_[base] = gruBias[i];
-        fromInputBias_[base + groupState] = resetBias[i];
-        fromInputBias_[base + 2 * groupState] = gruBias[hidden + i];
-        fromStateBias_[base + 2 * groupState] = gruBias[2 * hidden + i];
-    }
-
     state_.assign(hidden, 0.0f);
     normalised_.assign(featureCount, 0.0f);
     byGroup_.assign(widest, 0.0f);
-    fromInput_.assign(3 * hidden, 0.0f);
-    fromState_.assign(3 * hidden, 0.0f);
+    joined_.assign(groupIn + groupState, 0.0f);
+    for (auto* v : {&update_, &reset_, &candidateInput_, &candidateState_}) v->assign(hidden, 0.0f);
 }
 
 LayerNormGru::LayerNormGru(const WEIGHTS::ModelPair& model, size_t featureCount)
@@ -181,7 +160,7 @@ LayerNormGru::LayerNormGru(const WEIGHTS::ModelPair& model, size_t featureCount)
 void LayerNormGru::resetState() { std::fill(state_.begin(), state_.end(), 0.0f); }
 
 void LayerNormGru::normaliseAndSquash(std::vector<float>& v, const std::vector<float>& gain,
-                                      const std::vector<float>& normBias) {
+                                      const std::vector<float>& normBias) const {
     // Mean and variance in double: a layer's outputs can share a large offset, and the
     // difference from the mean is what the normalisation keeps.
     const double n = static_cast<double>(v.size());
@@ -192,7 +171,7 @@ void LayerNormGru::normaliseAndSquash(std::vector<float>& v, const std::vector<f
     for (float x : v) squares += (x - mean) * (x - mean);
     const double root = std::sqrt(squares / n + kNormEpsilon);
     for (size_t i = 0; i < v.size(); ++i)
-        v[i] = std::tanh(static_cast<float>((v[i] - mean) / root * gain[i] + normBias[i]));
+        v[i] = tanh_(static_cast<float>((v[i] - mean) / root * gain[i] + normBias[i]));
 }
 
 const float* LayerNormGru::readByGroup(const float* x, size_t n, size_t groups, std::vector<float>& scratch) {
@@ -216,18 +195,32 @@ void LayerNormGru::calcRMForwardProp_GRU_Layernorm(const float* features, float*
     }
 
     // z = σ(W_z [u; h] + b_z), r = σ(W_r [u; h] + b_r), c = tanh(W_cu u + b_cu + r ⊙ (W_ch h + b_ch)),
-    // h ← z ⊙ h + (1 − z) ⊙ c. Both products read the state before this step changes it; each
-    // group reads its own contiguous part of the state.
-    const size_t groups = gruGroups_;
-    groupedMatMulPlusB(fromInputWeight_, readByGroup(x->data(), x->size(), groups, byGroup_), groups, fromInputBias_,
-                       fromInput_);
-    groupedMatMulPlusB(fromStateWeight_, state_.data(), groups, fromStateBias_, fromState_);
-    const size_t hidden = state_.size(), groupState = hidden / groups;
+    // h ← z ⊙ h + (1 − z) ⊙ c. Every product reads the state before this step changes it; each
+    // group reads its own contiguous part of the state and its rows of the records.
+    const size_t groups = gruGroups_, hidden = state_.size(), groupState = hidden / groups;
+    const size_t groupIn = x->size() / groups, width = groupIn + groupState;
+    const float* u = readByGroup(x->data(), x->size(), groups, byGroup_);
+    std::copy(gruBias_.begin(), gruBias_.begin() + hidden, update_.begin());
+    std::copy(resetBias_.begin(), resetBias_.end(), reset_.begin());
+    std::copy(gruBias_.begin() + hidden, gruBias_.begin() + 2 * hidden, candidateInput_.begin());
+    std::copy(gruBias_.begin() + 2 * hidden, gruBias_.end(), candidateState_.begin());
+    for (size_t g = 0; g < groups; ++g) {
+        const size_t first = g * groupState;
+        std::copy(u + g * groupIn, u + (g + 1) * groupIn, joined_.begin());
+        std::copy(state_.begin() + first, state_.begin() + first + groupState, joined_.begin() + groupIn);
+        const float* updateRows = gruWeight_.data.data() + first * width;
+        const float* candidateRows = gruWeight_.data.data() + (hidden + first) * width;
+        blockMatMulPlus(updateRows, groupState, width, width, joined_.data(), update_.data() + first);
+        blockMatMulPlus(resetWeight_.data.data() + first * width, groupState, width, width, joined_.data(),
+                        reset_.data() + first);
+        blockMatMulPlus(candidateRows, groupState, groupIn, width, joined_.data(), candidateInput_.data() + first);
+        blockMatMulPlus(candidateRows + groupIn, groupState, groupState, width, joined_.data() + groupIn,
+                        candidateState_.data() + first);
+    }
     for (size_t i = 0; i < hidden; ++i) {
-        const size_t base = 3 * (i - i % groupState) + i % groupState;
-        const float z = sigmoid_(fromInput_[base] + fromState_[base]);
-        const float r = sigmoid_(fromInput_[base + groupState] + fromState_[base + groupState]);
-        const float c = std::tanh(fromInput_[base + 2 * groupState] + r * fromState_[base + 2 * groupState]);
+        const float z = sigmoid_(update_[i]);
+        const float r = sigmoid_(reset_[i]);
+        const float c = tanh_(candidateInput_[i] + r * candidateState_[i]);
         state_[i] = z * state_[i] + (1.0f - z) * c;
     }
 

@@ -74,8 +74,8 @@ private:
     static const float* readByGroup(const float* x, size_t n, size_t groups, std::vector<float>& scratch);
 
     // v ← tanh(LN(v) ⊙ gain + normBias), mean and variance over v itself.
-    static void normaliseAndSquash(std::vector<float>& v, const std::vector<float>& gain,
-                                   const std::vector<float>& normBias);
+    void normaliseAndSquash(std::vector<float>& v, const std::vector<float>& gain,
+                            const std::vector<float>& normBias) const;
 
     // The records live in the weight; holding it keeps them valid for the network's life.
     std::shared_ptr<const WEIGHTS::Weight> weight_;
@@ -84,23 +84,23 @@ private:
     std::vector<Layer> inputLayers_;
     std::vector<Layer> outputLayers_;
 
-    // The GRU regrouped by what each part reads: per group, [update; reset; candidate] rows over
-    // the group's input, and the same rows over its own part of the state. Only the candidate's
-    // state part is scaled by the reset gate, so the two halves are kept apart.
+    // The GRU records, read in place (shared by every session of the model). Unit i belongs to
+    // group i / (H / G); its rows read the group's I / G inputs, then its H / G state values.
+    const CONTAINERS::Matrix& gruWeight_;  // update rows 0 … H − 1, candidate rows H … 2H − 1
+    const std::vector<float>& gruBias_;    // update, candidate input, candidate state
+    const CONTAINERS::Matrix& resetWeight_;
+    const std::vector<float>& resetBias_;
     size_t gruGroups_ = 1;
-    CONTAINERS::Matrix fromInputWeight_;  // 3H × I / G
-    std::vector<float> fromInputBias_;    // update, reset, candidate input biases
-    CONTAINERS::Matrix fromStateWeight_;  // 3H × H / G
-    std::vector<float> fromStateBias_;    // 0, 0, candidate state bias
 
     UTILS::SigmoidOperator sigmoid_;
+    UTILS::TanhOperator tanh_;
     std::vector<float> state_;
     // Per-step scratch, sized at construction.
     std::vector<float> normalised_;
     std::vector<float> byGroup_;              // a grouped product's input, read by group
     std::vector<std::vector<float>> inputs_;  // one per input layer
-    std::vector<float> fromInput_;
-    std::vector<float> fromState_;
+    std::vector<float> joined_;  // one group's inputs, then its state values
+    std::vector<float> update_, reset_, candidateInput_, candidateState_;
     std::vector<std::vector<float>> outputs_;  // one per output layer
 };
 

@@ -68,6 +68,12 @@ void matMulPlusB(const float* x, size_t /*n*/, const Matrix& W, const std::vecto
     gemvTransPlus(x, W, y);
 }
 
+void blockMatMulPlus(const float* W, size_t rows, size_t columns, size_t stride, const float* x, float* y) {
+    if (rows == 0 || columns == 0) return;
+    cblas_sgemv(CblasRowMajor, CblasNoTrans, static_cast<int>(rows), static_cast<int>(columns), 1.0f, W,
+                static_cast<int>(stride), x, 1, 1.0f, y, 1);
+}
+
 void matMulPlusB(const Matrix& A, const Matrix& B, const Matrix& C, Matrix& Y) {
     Y.rows = A.rows;
     Y.columns = B.columns;
