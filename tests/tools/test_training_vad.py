@@ -102,6 +102,15 @@ class VadTrainingTest(unittest.TestCase):
         np.testing.assert_allclose(probabilities, 1 / (1 + np.exp(threshold - raw)), atol=1e-5)
         self.assertAlmostEqual(float(np.mean(probabilities >= 0.5)), 0.5, delta=0.02)
 
+        # The gate's point keeps 99 % of the speech hops, however few speech-free hops that rejects.
+        scores = rng.standard_normal(20000)
+        labels = (rng.random(20000) < 0.3).astype(np.float32)
+        scores[labels > 0] += 1.0
+        (low, point, high), summary = detector.calibration(scores, labels)
+        self.assertEqual((low, high), (scores.min(), scores.max()))
+        self.assertAlmostEqual(float(np.mean(scores[labels > 0] >= point)), gated_vad.SPEECH_KEPT, delta=0.001)
+        self.assertAlmostEqual(summary["noise_passed"], float(np.mean(scores[labels == 0] >= point)))
+
         # A hop is speech when either half of its frame is: one hop more than the hangover holds.
         target = np.zeros(rate // 2, np.float32)
         target[rate // 10:rate // 10 + rate // 100] = 3000.0

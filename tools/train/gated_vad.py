@@ -14,8 +14,10 @@ detector's front end (tools/reference/nc_v0_0_7_vad.py), the one CI holds to the
 network is the ringtone detector's 0.0.6 form (layer-normalised input layer, GRU, one normalised
 hidden layer, logistic output). Mixtures, labels, the validation split, the loss and the
 resumable schedule are vad.py's; a hop is labelled speech when either 10 ms half of its frame
-is, since rejecting it silences both. Export folds the best-F1 point on the validation mixtures
-into the last bias, so the cleaner's fixed decision at 0.5 is that point.
+is, since rejecting it silences both. Export folds into the last bias the point on the
+validation mixtures that passes SPEECH_KEPT of the speech hops, so the cleaner's fixed decision
+at 0.5 is that point: a speech hop the gate rejects is speech lost, most often an utterance's
+first hop, while a noise hop it passes is still cleaned.
 """
 
 import argparse
@@ -33,6 +35,7 @@ F32 = np.float32
 PREVIEW = 4
 WIDTHS = (48, 48, 24)  # input layer, GRU, hidden output layer
 SD_FLOOR = 0.05
+SPEECH_KEPT = 0.99
 RATES = (8000, 16000, 24000, 32000)
 
 
@@ -77,6 +80,14 @@ class GatedDetector:
         records = settings_records(self.rate)
         records.update(nc7vad.lngru.records(mu, sd, *arrays, names=nc7vad.DETECTOR_NAMES))
         return records
+
+    def calibration(self, scores, labels):
+        """(lowest score, the gate's point, highest score): the point is the highest score that
+        SPEECH_KEPT of the speech hops reach; printed with the share of speech-free hops it passes."""
+        point = float(np.quantile(scores[labels > 0], 1.0 - SPEECH_KEPT))
+        return (float(scores.min()), point, float(scores.max())), {
+            "speech_kept": float(np.mean(scores[labels > 0] >= point)),
+            "noise_passed": float(np.mean(scores[labels == 0] >= point))}
 
     def write(self, path, key, model, mu, sd, thresholds, timestamp):
         sw.WeightWriter(self.records(model, mu, sd, thresholds[1])).write_file(path, key)

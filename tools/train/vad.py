@@ -111,6 +111,11 @@ class Vad001:
     def network(self):
         return DetectorNetwork()
 
+    def calibration(self, scores, labels):
+        """The thresholds the file carries ("Test_MINMAX" ends, "Test_BestF1"), and what to print."""
+        best, f1 = best_f1_threshold(scores, labels)
+        return (float(scores.min()), best, float(scores.max())), {"validation_f1": f1}
+
     def write(self, path, key, model, mu, sd, thresholds, timestamp):
         sw.WeightWriter(records(model, mu, sd, thresholds, timestamp)).write_file(path, key)
         vad.Model(sw.read_file(path, key))  # the reference accepts what was written
@@ -329,10 +334,8 @@ def main(argv=None, detector=None, description=__doc__):
             model.eval()
             scores, labels = raw_scores(model, data, [(VALIDATION_EPOCH, i) for i in range(args.validation)],
                                         mu, sd)
-            best, f1 = best_f1_threshold(scores, labels)
-            thresholds = (float(scores.min()), best, float(scores.max()))
-            print(json.dumps({"thresholds": thresholds, "validation_f1": f1,
-                              "speech_share": float(labels.mean())}), flush=True)
+            thresholds, summary = detector.calibration(scores, labels)
+            print(json.dumps(dict(summary, thresholds=thresholds, speech_share=float(labels.mean()))), flush=True)
             key = sw.key_from_build(args.build_dir) if args.build_dir else None
             timestamp = time.strftime("%Y%m%dT%H%M%S", time.gmtime())
             for out in args.export:
