@@ -169,9 +169,9 @@ void LayerNormGru::normaliseAndSquash(std::vector<float>& v, const std::vector<f
     const double mean = sum / n;
     double squares = 0.0;
     for (float x : v) squares += (x - mean) * (x - mean);
-    const double root = std::sqrt(squares / n + kNormEpsilon);
+    const double scale = 1.0 / std::sqrt(squares / n + kNormEpsilon);
     for (size_t i = 0; i < v.size(); ++i)
-        v[i] = tanh_(static_cast<float>((v[i] - mean) / root * gain[i] + normBias[i]));
+        v[i] = tanh_(static_cast<float>((v[i] - mean) * scale) * gain[i] + normBias[i]);
 }
 
 const float* LayerNormGru::readByGroup(const float* x, size_t n, size_t groups, std::vector<float>& scratch) {
