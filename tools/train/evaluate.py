@@ -227,7 +227,10 @@ def main(argv=None):
     else:
         geometry, network, mu, sd = load_checkpoint(args.checkpoint)
         records = net.model_records(geometry, network, mu, sd, "checkpoint", timestamp="checkpoint")
-    model = net.reference_model(with_controls(records, args.control))
+    try:
+        model = net.reference_model(with_controls(records, args.control))
+    except ValueError as e:
+        p.error(str(e))
     extra = extra_data_dir(args.extra_data)
     corpus = Corpus.load_or_build(args.data, args.split, model.rate, args.cache_dir, extra_dir=extra)
     if args.noise_split and args.noise_split != args.split:
