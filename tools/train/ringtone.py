@@ -41,8 +41,8 @@ from scipy.signal import butter, fftconvolve, resample_poly, sosfilt
 from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
 from mixing import Mixer, active_power, activity_labels, frame_power, microphone, room
 from network import gru_records
-from train import DEFAULT_DATA, learning_rate, save
-from vad import auc, part
+from train import DEFAULT_DATA
+from vad import auc, part, resume_or_start, train_epochs
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "reference"))
 import ringtone_v0_0_1 as rt  # noqa: E402
@@ -362,51 +362,20 @@ def main(argv=None):
     model = RingtoneNetwork(args.widths)
     optimizer = torch.optim.Adam(model.parameters(), lr=args.lr)
     try:
-        if checkpoint_path.exists():
-            ck = torch.load(checkpoint_path)
-            model.load_state_dict(ck["network"])
-            optimizer.load_state_dict(ck["optimizer"])
-            mu, sd, epoch, step, history = ck["mu"], ck["sd"], ck["epoch"], ck["step"], ck["history"]
-            print("resumed at epoch %d" % epoch, flush=True)
-        else:
+        def normalisation():
             examples = data.examples([(NORMALISATION_EPOCH, i) for i in range(args.normalisation)])
             features = np.concatenate([f for f, _, _ in examples])
-            mu, sd = features.mean(0).astype(F32), np.maximum(features.std(0), SD_FLOOR).astype(F32)
-            epoch, step, history = 0, 0, []
+            return features.mean(0).astype(F32), np.maximum(features.std(0), SD_FLOOR).astype(F32)
+
+        run = resume_or_start(checkpoint_path, model, optimizer, normalisation)
+        mu, sd = run[:2]
         if args.report:
             model.eval()
             print(json.dumps(validation_report(model, data, args, mu, sd)), flush=True)
             return 0
-        batches = math.ceil(args.examples / args.batch)
-        chunk = int(round(args.chunk * 100))
-        total = args.epochs * batches * math.ceil(args.seconds / args.chunk)
-        loss_fn = torch.nn.BCEWithLogitsLoss(reduction="none")
-        while epoch < args.epochs:
-            started, running = time.time(), []
-            for inputs, labels, weights in data.batches([(epoch, i) for i in range(args.examples)], args.batch, mu, sd):
-                inputs, labels, weights = (torch.from_numpy(a) for a in (inputs, labels, weights))
-                state = None
-                for first in range(0, inputs.shape[1], chunk):
-                    window = slice(first, first + chunk)
-                    logits, state = model(inputs[:, window], state)
-                    w = weights[:, window]
-                    loss = (loss_fn(logits, labels[:, window]) * w).sum() / w.sum().clamp(min=1.0)
-                    for group in optimizer.param_groups:
-                        group["lr"] = learning_rate(args, step, total)
-                    optimizer.zero_grad()
-                    loss.backward()
-                    torch.nn.utils.clip_grad_norm_(model.parameters(), 1.0)
-                    optimizer.step()
-                    state = state.detach()
-                    step += 1
-                    running.append(float(loss))
-            epoch += 1
-            history.append({"epoch": epoch, "loss": float(np.mean(running)),
-                            "minutes": (time.time() - started) / 60})
-            print(json.dumps(history[-1]), flush=True)
-            save(checkpoint_path, {"network": model.state_dict(), "optimizer": optimizer.state_dict(),
-                                   "mu": mu, "sd": sd, "epoch": epoch, "step": step,
-                                   "history": history, "args": vars(args)})
+        train_epochs(model, optimizer, lambda epoch: data.batches([(epoch, i) for i in range(args.examples)],
+                                                                  args.batch, mu, sd),
+                     args, checkpoint_path, run)
         if args.export:
             model.eval()
             print(json.dumps(validation_report(model, data, args, mu, sd)), flush=True)

@@ -267,6 +267,58 @@ def parse_args(argv, description=__doc__):
     return args
 
 
+def resume_or_start(checkpoint_path, model, optimizer, normalisation):
+    """(MU, SD, epoch, step, history) of the run in `checkpoint_path`, its network and optimiser
+    loaded; or of a new run, MU and SD from `normalisation()`."""
+    if checkpoint_path.exists():
+        ck = torch.load(checkpoint_path)
+        model.load_state_dict(ck["network"])
+        optimizer.load_state_dict(ck["optimizer"])
+        print("resumed at epoch %d" % ck["epoch"], flush=True)
+        return ck["mu"], ck["sd"], ck["epoch"], ck["step"], ck["history"]
+    mu, sd = normalisation()
+    return mu, sd, 0, 0, []
+
+
+def train_epochs(model, optimizer, batches, args, checkpoint_path, run):
+    """A detector's schedule up to args.epochs: each epoch's batches (`batches(epoch)` gives
+    inputs, 0/1 labels and per-hop loss weights) in truncated back-propagation chunks of
+    args.chunk seconds, weighted binary cross-entropy on the logit, the cleaner's learning-rate
+    schedule, a checkpoint after every epoch. `run` is (MU, SD, epoch, step, history); returns it
+    at the end."""
+    mu, sd, epoch, step, history = run
+    chunk = int(round(args.chunk * 100))
+    total = args.epochs * math.ceil(args.examples / args.batch) * math.ceil(args.seconds / args.chunk)
+    loss_fn = torch.nn.BCEWithLogitsLoss(reduction="none")
+    while epoch < args.epochs:
+        started, running = time.time(), []
+        for batch in batches(epoch):
+            inputs, labels, weights = (torch.from_numpy(a.astype(F32)) for a in batch)
+            state = None
+            for first in range(0, inputs.shape[1], chunk):
+                window = slice(first, first + chunk)
+                raw, state = model(inputs[:, window], state)
+                w = weights[:, window]
+                loss = (loss_fn(raw, labels[:, window]) * w).sum() / w.sum().clamp(min=1.0)
+                for group in optimizer.param_groups:
+                    group["lr"] = learning_rate(args, step, total)
+                optimizer.zero_grad()
+                loss.backward()
+                torch.nn.utils.clip_grad_norm_(model.parameters(), 1.0)
+                optimizer.step()
+                if hasattr(model, "bound_recurrence"):
+                    model.bound_recurrence()
+                state = state.detach()
+                step += 1
+                running.append(float(loss))
+        epoch += 1
+        history.append({"epoch": epoch, "loss": float(np.mean(running)), "minutes": (time.time() - started) / 60})
+        print(json.dumps(history[-1]), flush=True)
+        save(checkpoint_path, {"network": model.state_dict(), "optimizer": optimizer.state_dict(), "mu": mu,
+                               "sd": sd, "epoch": epoch, "step": step, "history": history, "args": vars(args)})
+    return mu, sd, epoch, step, history
+
+
 def main(argv=None, detector=None, description=__doc__):
     """Trains `detector` (default the VAD_0.0.1 detector) as the command line says."""
     args = parse_args(argv, description)
@@ -282,54 +334,23 @@ def main(argv=None, detector=None, description=__doc__):
     model = detector.network()
     optimizer = torch.optim.Adam(model.parameters(), lr=args.lr)
     try:
-        if checkpoint_path.exists():
-            ck = torch.load(checkpoint_path)
-            model.load_state_dict(ck["network"])
-            optimizer.load_state_dict(ck["optimizer"])
-            mu, sd, epoch, step, history = ck["mu"], ck["sd"], ck["epoch"], ck["step"], ck["history"]
-            print("resumed at epoch %d" % epoch, flush=True)
-        else:
+        def normalisation():
             examples = data.examples([(NORMALISATION_EPOCH, i) for i in range(args.normalisation)])
-            mu, sd = detector.normalisation(np.concatenate([f for f, _ in examples]))
-            epoch, step, history = 0, 0, []
+            return detector.normalisation(np.concatenate([f for f, _ in examples]))
+
+        run = resume_or_start(checkpoint_path, model, optimizer, normalisation)
+        mu, sd = run[:2]
         if args.report:
             model.eval()
             print(json.dumps(validation_report(model, data, args, mu, sd)), flush=True)
             return 0
-        batches = math.ceil(args.examples / args.batch)
-        chunk = int(round(args.chunk * 100))
-        total = args.epochs * batches * math.ceil(args.seconds / args.chunk)
-        loss_fn = torch.nn.BCEWithLogitsLoss(reduction="none")
-        while epoch < args.epochs:
-            started, running = time.time(), []
-            keys = [(epoch, i) for i in range(args.examples)]
-            for inputs, labels in data.batches(keys, args.batch, mu, sd):
-                weights = 1.0 + (args.onset_weight - 1.0) * np.stack([onset_mask(l) for l in labels])
-                inputs, labels = torch.from_numpy(inputs), torch.from_numpy(labels)
-                weights = torch.from_numpy(weights.astype(F32))
-                state = None
-                for first in range(0, inputs.shape[1], chunk):
-                    window = slice(first, first + chunk)
-                    raw, state = model(inputs[:, window], state)
-                    loss = (loss_fn(raw, labels[:, window]) * weights[:, window]).mean()
-                    for group in optimizer.param_groups:
-                        group["lr"] = learning_rate(args, step, total)
-                    optimizer.zero_grad()
-                    loss.backward()
-                    torch.nn.utils.clip_grad_norm_(model.parameters(), 1.0)
-                    optimizer.step()
-                    if hasattr(model, "bound_recurrence"):
-                        model.bound_recurrence()
-                    state = state.detach()
-                    step += 1
-                    running.append(float(loss))
-            epoch += 1
-            history.append({"epoch": epoch, "loss": float(np.mean(running)),
-                            "minutes": (time.time() - started) / 60})
-            print(json.dumps(history[-1]), flush=True)
-            save(checkpoint_path, {"network": model.state_dict(), "optimizer": optimizer.state_dict(),
-                                   "mu": mu, "sd": sd, "epoch": epoch, "step": step,
-                                   "history": history, "args": vars(args)})
+
+        def batches(epoch):
+            # Hops at an utterance's start weigh args.onset_weight (1: every hop alike).
+            for inputs, labels in data.batches([(epoch, i) for i in range(args.examples)], args.batch, mu, sd):
+                yield inputs, labels, 1.0 + (args.onset_weight - 1.0) * np.stack([onset_mask(l) for l in labels])
+
+        train_epochs(model, optimizer, batches, args, checkpoint_path, run)
         if args.export:
             model.eval()
             scores, labels = raw_scores(model, data, [(VALIDATION_EPOCH, i) for i in range(args.validation)],
