@@ -96,6 +96,18 @@ def _make_bands(key):
     return example["log_bands"][example["analysed"]]
 
 
+def made_ahead(pool, make, keys, size):
+    """Lists of what `make` gives for `keys`, `size` keys at a time, each list made by the pool's
+    workers while the caller works on the one before."""
+    groups = [keys[i:i + size] for i in range(0, len(keys), size)]
+    pending = pool.map_async(make, groups[0]) if groups else None
+    for i in range(len(groups)):
+        examples = pending.get()
+        if i + 1 < len(groups):
+            pending = pool.map_async(make, groups[i + 1])
+        yield examples
+
+
 class Loader:
     """Examples made by worker processes, one batch ahead of the consumer."""
 
@@ -105,12 +117,7 @@ class Loader:
 
     def batches(self, keys, batch_size):
         """Stacked batches (dict of arrays, leading axis = example) of the examples of `keys`."""
-        groups = [keys[i:i + batch_size] for i in range(0, len(keys), batch_size)]
-        pending = self.pool.map_async(_make, groups[0]) if groups else None
-        for i in range(len(groups)):
-            examples = pending.get()
-            if i + 1 < len(groups):
-                pending = self.pool.map_async(_make, groups[i + 1])
+        for examples in made_ahead(self.pool, _make, keys, batch_size):
             yield {name: np.stack([e[name] for e in examples]) for name in examples[0]}
 
     def log_bands(self, keys):

@@ -39,6 +39,7 @@ import torch
 from scipy.signal import butter, fftconvolve, resample_poly, sosfilt
 
 from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
+from examples import made_ahead
 from mixing import Mixer, active_power, activity_labels, frame_power, microphone, room
 from network import gru_records
 from train import DEFAULT_DATA
@@ -247,12 +248,7 @@ class Data:
         return self.pool.map(_example, keys)
 
     def batches(self, keys, size, mu, sd):
-        groups = [keys[i:i + size] for i in range(0, len(keys), size)]
-        pending = self.pool.map_async(_example, groups[0]) if groups else None
-        for i in range(len(groups)):
-            examples = pending.get()
-            if i + 1 < len(groups):
-                pending = self.pool.map_async(_example, groups[i + 1])
+        for examples in made_ahead(self.pool, _example, keys, size):
             yield (np.stack([(f - mu) / sd for f, _, _ in examples]).astype(F32),
                    np.stack([labels for _, labels, _ in examples]), np.stack([w for _, _, w in examples]))
 

@@ -34,6 +34,7 @@ import torch
 
 import network as net
 from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
+from examples import made_ahead
 from mixing import P_NOISE_ONLY, Mixer, activity_labels
 from train import DEFAULT_DATA, learning_rate, save
 
@@ -151,12 +152,7 @@ class Data:
 
     def batches(self, keys, size, mu, sd):
         """(inputs, labels) arrays of `size` mixtures each, one batch made ahead."""
-        groups = [keys[i:i + size] for i in range(0, len(keys), size)]
-        pending = self.pool.map_async(_example, groups[0]) if groups else None
-        for i in range(len(groups)):
-            examples = pending.get()
-            if i + 1 < len(groups):
-                pending = self.pool.map_async(_example, groups[i + 1])
+        for examples in made_ahead(self.pool, _example, keys, size):
             yield (np.stack([self.detector.inputs(f, mu, sd) for f, _ in examples]),
                    np.stack([labels for _, labels in examples]))
 
