@@ -21,7 +21,6 @@ its active level (testsets.active_power), else as a pause.
 """
 
 import argparse
-import json
 import math
 import os
 import subprocess
@@ -32,6 +31,7 @@ import time
 import numpy as np
 import soundfile as sf
 
+import speed
 import testsets
 
 EVAL_DIR = os.path.dirname(os.path.abspath(__file__))
@@ -122,23 +122,8 @@ def split(rows, group=None, snr=None):
 
 
 def benchmark(build_dir):
-    """CPU time per frame of BM_NoiseDbFrame and BM_NcFrame, in microseconds, when the benchmark
-    is built; the median of five repetitions."""
-    binary = os.path.join(build_dir, "bench", "sonel_session_bench")
-    if not os.path.exists(binary):
-        return {}
-    with tempfile.NamedTemporaryFile(suffix=".json") as report:
-        # The library prints to standard output as models load, so the results go to a file.
-        subprocess.run([binary, "--benchmark_filter=NoiseDbFrame|NcFrame", "--benchmark_repetitions=5",
-                        "--benchmark_report_aggregates_only=true", "--benchmark_out_format=json",
-                        "--benchmark_out=" + report.name], check=True, capture_output=True)
-        results = json.load(open(report.name, encoding="utf-8"))
-    # The figures depend on what else the machine runs; the page says how busy it was.
-    times = {"load": os.getloadavg()[0], "cores": os.cpu_count()}
-    for b in results["benchmarks"]:
-        if b.get("aggregate_name") == "median":
-            times[b["run_name"]] = b["cpu_time"] / 1000.0 if b["time_unit"] == "ns" else b["cpu_time"]
-    return times
+    """CPU time per frame of the session benchmarks this page reports (speed.session_cpu_times)."""
+    return speed.session_cpu_times(build_dir, "NoiseDbFrame|NcFrame")
 
 
 def cell(s):

@@ -25,7 +25,6 @@ Every item goes through `sonel ringtone --format frames` as a float WAV file.
 """
 
 import argparse
-import json
 import math
 import os
 import subprocess
@@ -36,6 +35,7 @@ import time
 import numpy as np
 import soundfile as sf
 
+import speed
 import testsets
 from vad_eval import auc
 
@@ -139,20 +139,8 @@ def run_rate(args, holdout, rate):
 
 
 def benchmark(build_dir):
-    """CPU time per 10 ms frame of BM_RingtoneFrame, median of five repetitions, in µs."""
-    binary = os.path.join(build_dir, "bench", "sonel_session_bench")
-    if not os.path.exists(binary):
-        return {}
-    with tempfile.NamedTemporaryFile(suffix=".json") as report:
-        subprocess.run([binary, "--benchmark_filter=RingtoneFrame", "--benchmark_repetitions=5",
-                        "--benchmark_report_aggregates_only=true", "--benchmark_out_format=json",
-                        "--benchmark_out=" + report.name], check=True, capture_output=True)
-        results = json.load(open(report.name, encoding="utf-8"))
-    times = {"load": os.getloadavg()[0], "cores": os.cpu_count()}
-    for b in results["benchmarks"]:
-        if b.get("aggregate_name") == "median":
-            times[b["run_name"]] = b["cpu_time"] / 1000.0 if b["time_unit"] == "ns" else b["cpu_time"]
-    return times
+    """CPU time per frame of the session benchmarks this page reports (speed.session_cpu_times)."""
+    return speed.session_cpu_times(build_dir, "RingtoneFrame")
 
 
 def page(results, times, args, command):

@@ -6,6 +6,7 @@ import json
 import os
 import re
 import subprocess
+import tempfile
 
 import numpy as np
 
@@ -59,6 +60,28 @@ def google_benchmarks(build_dir):
                 rows.append({"target": target, "name": entry["run_name"],
                              "ns": entry["real_time"] * _TO_NS[entry["time_unit"]]})
     return rows
+
+
+def session_cpu_times(build_dir, benchmark_filter):
+    """CPU time per frame (µs, median of five repetitions) of the session benchmarks that
+    `benchmark_filter` picks, with the machine's load as they started ({"load", "cores"} too);
+    empty when the benchmark is not built."""
+    binary = os.path.join(build_dir, "bench", "sonel_session_bench")
+    if not os.path.exists(binary):
+        return {}
+    with tempfile.NamedTemporaryFile(suffix=".json") as report:
+        # The library prints to standard output as models load, so the results go to a file.
+        subprocess.run([binary, "--benchmark_filter=" + benchmark_filter, "--benchmark_repetitions=5",
+                        "--benchmark_report_aggregates_only=true", "--benchmark_out_format=json",
+                        "--benchmark_out=" + report.name], check=True, capture_output=True)
+        with open(report.name, encoding="utf-8") as source:
+            results = json.load(source)
+    # The figures depend on what else the machine runs; the pages say how busy it was.
+    times = {"load": os.getloadavg()[0], "cores": os.cpu_count()}
+    for b in results["benchmarks"]:
+        if b.get("aggregate_name") == "median":
+            times[b["run_name"]] = b["cpu_time"] * _TO_NS[b["time_unit"]] / 1000.0
+    return times
 
 
 def stream_benchmarks(args, model):
