@@ -24,7 +24,6 @@ the loss. Features come from the reference detector's front end
 command again resumes from STATE_DIR/checkpoint.pt.
 """
 
-import argparse
 import json
 import math
 import os
@@ -38,12 +37,11 @@ import soundfile as sf
 import torch
 from scipy.signal import butter, fftconvolve, resample_poly, sosfilt
 
-from corpus import EXTRA_DATA_ENV, Corpus, extra_data_dir
+from corpus import Corpus
 from examples import made_ahead
 from mixing import Mixer, active_power, activity_labels, frame_power, microphone, room
 from network import gru_records
-from train import DEFAULT_DATA
-from vad import auc, part, resume_or_start, train_epochs
+from vad import auc, detector_arguments, finish_arguments, part, resume_or_start, train_epochs
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "reference"))
 import ringtone_v0_0_1 as rt  # noqa: E402
@@ -313,33 +311,12 @@ def validation_report(model, data, args, mu, sd):
 
 
 def parse_args(argv):
-    p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    p.add_argument("--state-dir", required=True)
+    p = detector_arguments(__doc__, epochs=40, seconds=8.0, chunk=4.0, lr=3e-3)
     p.add_argument("--rings", required=True, help="output folder of tools/train/ringtone_data.sh")
-    p.add_argument("--data", default=str(DEFAULT_DATA))
-    p.add_argument("--extra-data", help="output folder of ../shared/data/debian/fetch.sh (default: "
-                   "$%s; none when unset)" % EXTRA_DATA_ENV)
-    p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
-    p.add_argument("--epochs", type=int, default=40)
-    p.add_argument("--examples", type=int, default=512, help="mixtures per epoch")
-    p.add_argument("--batch", type=int, default=16)
-    p.add_argument("--seconds", type=float, default=8.0)
-    p.add_argument("--chunk", type=float, default=4.0, help="seconds per truncated-BPTT step")
-    p.add_argument("--lr", type=float, default=3e-3)
     p.add_argument("--widths", default=",".join(map(str, WIDTHS)),
                    help="input layer, GRU and hidden output layer widths")
     p.add_argument("--music-share", type=float, default=MUSIC_SHARE, help="share of noise draws that are music")
-    p.add_argument("--seed", type=int, default=20261124)
-    p.add_argument("--validation", type=int, default=256)
-    p.add_argument("--normalisation", type=int, default=128)
-    p.add_argument("--workers", type=int, default=2)
-    p.add_argument("--export", action="append", help="model file to write (.sw needs --build-dir)")
-    p.add_argument("--build-dir")
-    p.add_argument("--report", action="store_true",
-                   help="print the trained detector's measures on the validation mixtures and stop")
-    args = p.parse_args(argv)
-    args.cache_dir = args.cache_dir or os.path.join(args.state_dir, "cache")
-    args.extra_data = extra_data_dir(args.extra_data)
+    args = finish_arguments(p, argv)
     args.widths = tuple(int(w) for w in args.widths.split(","))
     return args
 

@@ -232,35 +232,46 @@ def validation_report(model, data, args, mu, sd):
             "onsets_50ms": found / max(starts, 1), "threshold": best}
 
 
-def parse_args(argv, description=__doc__):
+def detector_arguments(description, epochs, seconds, chunk, lr):
+    """A detector trainer's command line: its own options are added to what this returns, and
+    `finish_arguments` parses it. The defaults that differ between detectors are arguments."""
     p = argparse.ArgumentParser(description=description.split("\n\n")[0])
     p.add_argument("--state-dir", required=True)
     p.add_argument("--data", default=str(DEFAULT_DATA))
     p.add_argument("--extra-data", help="output folder of ../shared/data/debian/fetch.sh (default: "
                    "$%s; none when unset)" % EXTRA_DATA_ENV)
     p.add_argument("--cache-dir", help="decoded corpus cache (default STATE_DIR/cache)")
-    p.add_argument("--epochs", type=int, default=30)
+    p.add_argument("--epochs", type=int, default=epochs)
     p.add_argument("--examples", type=int, default=512, help="mixtures per epoch")
     p.add_argument("--batch", type=int, default=16)
-    p.add_argument("--seconds", type=float, default=6.0)
-    p.add_argument("--chunk", type=float, default=2.0, help="seconds per truncated-BPTT step")
-    p.add_argument("--lr", type=float, default=2e-3)
-    p.add_argument("--noise-only-share", type=float, default=P_NOISE_ONLY,
-                   help="share of mixtures without speech (false alarms are learnt there)")
-    p.add_argument("--onset-weight", type=float, default=1.0,
-                   help="loss weight of the first ONSET_BLOCKS speech blocks after a pause")
+    p.add_argument("--seconds", type=float, default=seconds)
+    p.add_argument("--chunk", type=float, default=chunk, help="seconds per truncated-BPTT step")
+    p.add_argument("--lr", type=float, default=lr)
     p.add_argument("--seed", type=int, default=20261124)
-    p.add_argument("--validation", type=int, default=256, help="calibration mixtures")
+    p.add_argument("--validation", type=int, default=256, help="validation (and calibration) mixtures")
     p.add_argument("--normalisation", type=int, default=128)
     p.add_argument("--workers", type=int, default=2)
     p.add_argument("--export", action="append", help="model file to write (.sw needs --build-dir)")
     p.add_argument("--build-dir")
     p.add_argument("--report", action="store_true",
                    help="print the trained detector's measures on the validation mixtures and stop")
+    return p
+
+
+def finish_arguments(p, argv):
     args = p.parse_args(argv)
     args.cache_dir = args.cache_dir or os.path.join(args.state_dir, "cache")
     args.extra_data = extra_data_dir(args.extra_data)
     return args
+
+
+def parse_args(argv, description=__doc__):
+    p = detector_arguments(description, epochs=30, seconds=6.0, chunk=2.0, lr=2e-3)
+    p.add_argument("--noise-only-share", type=float, default=P_NOISE_ONLY,
+                   help="share of mixtures without speech (false alarms are learnt there)")
+    p.add_argument("--onset-weight", type=float, default=1.0,
+                   help="loss weight of the first ONSET_BLOCKS speech blocks after a pause")
+    return finish_arguments(p, argv)
 
 
 def resume_or_start(checkpoint_path, model, optimizer, normalisation):
