@@ -17,6 +17,7 @@ import sys
 
 import numpy as np
 
+import make_v0_0_6_parity_case as cleaner_case
 import ringtone_v0_0_1 as ring
 
 sw = ring.sw
@@ -28,7 +29,6 @@ HIDDEN = 24
 OUTPUT_WIDTHS = (12, 1)
 # Columns that read the recurrent state are kept small, so the state update contracts and a
 # rounding difference between the implementations dies out instead of growing.
-STATE_WEIGHT_SCALE = 0.4
 # Logits of the output over the signal: centred with this spread, so the probabilities cover most
 # of (0, 1) without saturating.
 LOGIT_SPREAD = 1.5
@@ -63,32 +63,6 @@ def test_signal(rate, rng):
     return np.clip(x, -32767.0, 32767.0).astype(F32)
 
 
-def random_network(rng, input_layers):
-    def dense(rows, columns, state_columns=0):
-        w = rng.standard_normal((rows, columns))
-        w[:, columns - state_columns:] *= STATE_WEIGHT_SCALE / np.sqrt(max(state_columns, 1))
-        w[:, :columns - state_columns] /= np.sqrt(columns - state_columns)
-        return w.astype(F32)
-
-    def small(n):
-        return (0.1 * rng.standard_normal(n)).astype(F32)
-
-    def gains(n):
-        return (1.0 + 0.1 * rng.standard_normal(n)).astype(F32)
-
-    widths = [ring.FEATURES] + [INPUT_WIDTH] * input_layers
-    out_widths = [HIDDEN] + list(OUTPUT_WIDTHS)
-    return dict(
-        in_ws=[dense(widths[k + 1], widths[k]) for k in range(input_layers)],
-        in_bs=[small(w) for w in widths[1:]], in_gains=[gains(w) for w in widths[1:]],
-        in_betas=[small(w) for w in widths[1:]],
-        gru_w=dense(2 * HIDDEN, INPUT_WIDTH + HIDDEN, HIDDEN), gru_b=small(3 * HIDDEN),
-        reset_w=dense(HIDDEN, INPUT_WIDTH + HIDDEN, HIDDEN), reset_b=small(HIDDEN),
-        out_ws=[dense(out_widths[k + 1], out_widths[k]) for k in range(len(OUTPUT_WIDTHS))],
-        out_bs=[small(w) for w in out_widths[1:]], out_gains=[gains(w) for w in out_widths[1:-1]],
-        out_betas=[small(w) for w in out_widths[1:-1]])
-
-
 def records_for(mu, sd, network, seed):
     return ring.model_records(mu, sd, name="ringtone-parity-%d" % seed, timestamp="20260101T000000", **network)
 
@@ -96,7 +70,7 @@ def records_for(mu, sd, network, seed):
 def write_case(outdir, seed, rate, input_layers):
     rng = np.random.default_rng(seed)
     signal = test_signal(rate, rng)
-    network = random_network(rng, input_layers)
+    network = cleaner_case.random_network(rng, ring.FEATURES, INPUT_WIDTH, input_layers, HIDDEN, OUTPUT_WIDTHS)
     features = ring.stream_features(signal, rate)
     mu = features.mean(axis=0).astype(F32)
     sd = (features.std(axis=0) + SD_FLOOR).astype(F32)

@@ -89,8 +89,10 @@ def front_end_records(rate, controls, gen=nc6):
     return records, (case.PREVIEW_FRAMES + 1) * bands, bands
 
 
-def random_network(rng, features, bands, input_layers, groups=1):
-    """Records of a random network; with groups > 1 its GRU and normalised output layer are grouped."""
+def random_network(rng, features, input_width, input_layers, hidden, out_widths, groups=1):
+    """Records of a random layer-normalised network (as layer_norm_gru.records takes them):
+    `input_layers` layers of `input_width`, a GRU of `hidden`, then layers of `out_widths`, all but
+    the last normalised; with groups > 1 the GRU and the first output layer are grouped."""
     def dense(rows, columns, state_columns=0):
         w = rng.standard_normal((rows, columns))
         w[:, columns - state_columns:] *= STATE_WEIGHT_SCALE / np.sqrt(max(state_columns, 1))
@@ -103,16 +105,17 @@ def random_network(rng, features, bands, input_layers, groups=1):
     def gains(n):
         return (1.0 + 0.1 * rng.standard_normal(n)).astype(F32)
 
-    widths = [features] + [INPUT_WIDTH] * input_layers
-    out_widths = [HIDDEN, OUTPUT_WIDTH, bands]
+    widths = [features] + [input_width] * input_layers
+    outs = [hidden] + list(out_widths)
     return dict(
         in_ws=[dense(widths[k + 1], widths[k]) for k in range(input_layers)],
         in_bs=[small(w) for w in widths[1:]], in_gains=[gains(w) for w in widths[1:]],
         in_betas=[small(w) for w in widths[1:]],
-        gru_w=dense(2 * HIDDEN, (INPUT_WIDTH + HIDDEN) // groups, HIDDEN // groups), gru_b=small(3 * HIDDEN),
-        reset_w=dense(HIDDEN, (INPUT_WIDTH + HIDDEN) // groups, HIDDEN // groups), reset_b=small(HIDDEN),
-        out_ws=[dense(OUTPUT_WIDTH, HIDDEN // groups), dense(bands, OUTPUT_WIDTH)],
-        out_bs=[small(w) for w in out_widths[1:]], out_gains=[gains(OUTPUT_WIDTH)], out_betas=[small(OUTPUT_WIDTH)])
+        gru_w=dense(2 * hidden, (input_width + hidden) // groups, hidden // groups), gru_b=small(3 * hidden),
+        reset_w=dense(hidden, (input_width + hidden) // groups, hidden // groups), reset_b=small(hidden),
+        out_ws=[dense(outs[k + 1], outs[k] // (groups if k == 0 else 1)) for k in range(len(out_widths))],
+        out_bs=[small(w) for w in outs[1:]], out_gains=[gains(w) for w in outs[1:-1]],
+        out_betas=[small(w) for w in outs[1:-1]])
 
 
 def records_for(front, network, mu, sd):
@@ -135,7 +138,8 @@ def write_case(outdir, rate, seed, input_layers=1, controls=case.EXERCISE_ALL, g
     front, features, bands = front_end_records(rate, controls, gen)
     gated = gen is nc7vad
     gen = nc7 if gated else gen  # the cleaner of a gated case is a v0.0.7 cleaner
-    network = random_network(rng, features, bands, input_layers, GROUPS if gen is nc7 else 1)
+    network = random_network(rng, features, INPUT_WIDTH, input_layers, HIDDEN, (OUTPUT_WIDTH, bands),
+                             GROUPS if gen is nc7 else 1)
 
     # MU/SD: one value per network input, from the context of the signal's analysed blocks.
     ones = records_for(front, network, np.zeros(features, F32), np.ones(features, F32))
@@ -178,7 +182,7 @@ def detector_records(rate, signal, rng, controls):
     if controls:
         records.update({"CONTROL_VELTA_COMPRESS_RATE_VAD": R(sw.UINT, compress), "VadLpsEps": R(sw.FLOAT, 0.01)})
     features = VAD_PREVIEW * bands
-    network = random_network(rng, features, 1, 1)
+    network = random_network(rng, features, INPUT_WIDTH, 1, HIDDEN, (OUTPUT_WIDTH, 1))
 
     def run(mu, sd):
         """The detector's contexts and logits over the signal's hops."""
