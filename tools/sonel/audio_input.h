@@ -24,6 +24,20 @@ struct AudioInput {
     std::vector<float> interleaved;  // length × channels samples
 };
 
+// Feeds one channel of `input` to `perFrame` (a const std::vector<float>& of 10 ms of samples,
+// the last frame padded with zeros), frame by frame, until it returns false. Returns the first
+// sample of the frame it refused, or input.length when every frame went through.
+template <typename PerFrame>
+size_t forEachFrame(const AudioInput& input, size_t channel, PerFrame perFrame) {
+    std::vector<float> samples(static_cast<size_t>(input.info.samplerate) / 100);
+    for (size_t pos = 0; pos < input.length; pos += samples.size()) {
+        for (size_t i = 0; i < samples.size(); ++i)
+            samples[i] = pos + i < input.length ? input.interleaved[(pos + i) * input.channels + channel] : 0.0f;
+        if (!perFrame(samples)) return pos;
+    }
+    return input.length;
+}
+
 // Reads `path` at a rate the library takes, keeping what a damaged or cut-off file holds, with a
 // warning for truncation and for non-finite samples. Returns 0, or the status of the error it
 // reported.

@@ -68,21 +68,17 @@ int detectorProbabilities(const Detector& detector, const AudioInput& input, siz
     if (!session)
         return reportError(std::string("the ") + detector.what + " model cannot run at " +
                            std::to_string(input.info.samplerate) + " Hz");
-    const size_t frame = static_cast<size_t>(input.info.samplerate) * kFrameMs / 1000;
-    std::vector<float> samples(frame);
     out.clear();
-    for (size_t pos = 0; pos < input.length; pos += frame) {
-        for (size_t i = 0; i < frame; ++i)
-            samples[i] = pos + i < input.length ? input.interleaved[(pos + i) * input.channels + channel] : 0.0f;
-        const float p = detector.frame(session, samples.data(), static_cast<unsigned>(frame));
-        if (p < 0.0f) {
-            detector.close(session);
-            return reportError(std::string(detector.what) + " detection failed at sample " + std::to_string(pos) +
-                               " (code " + std::to_string(static_cast<int>(p)) + ")");
-        }
-        out.push_back(p);
-    }
+    float p = 0.0f;
+    const size_t failed = forEachFrame(input, channel, [&](const std::vector<float>& samples) {
+        p = detector.frame(session, samples.data(), static_cast<unsigned>(samples.size()));
+        if (p >= 0.0f) out.push_back(p);
+        return p >= 0.0f;
+    });
     detector.close(session);
+    if (failed < input.length)
+        return reportError(std::string(detector.what) + " detection failed at sample " + std::to_string(failed) +
+                           " (code " + std::to_string(static_cast<int>(p)) + ")");
     return 0;
 }
 

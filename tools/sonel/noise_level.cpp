@@ -37,22 +37,18 @@ int channelLevels(const AudioInput& input, size_t channel, const char* modelName
     if (!session)
         return reportError("no noise-level session at " + std::to_string(input.info.samplerate) +
                            " Hz: the model must be a noise cleaner of version 0.0.5");
-    const size_t frame = static_cast<size_t>(input.info.samplerate) * kFrameMs / 1000;
-    std::vector<float> samples(frame);
     out.clear();
-    for (size_t pos = 0; pos < input.length; pos += frame) {
-        for (size_t i = 0; i < frame; ++i)
-            samples[i] = pos + i < input.length ? input.interleaved[(pos + i) * input.channels + channel] : 0.0f;
-        const float level = sonelAudioNoiseDbFrameFloat(session, samples.data(), static_cast<unsigned>(frame));
+    float level = 0.0f;
+    const size_t failed = forEachFrame(input, channel, [&](const std::vector<float>& samples) {
+        level = sonelAudioNoiseDbFrameFloat(session, samples.data(), static_cast<unsigned>(samples.size()));
         // Levels stay at or below −5 dBFS; −1 … −4 are the interface's failure codes.
-        if (level > -4.5f) {
-            sonelAudioNoiseDbCloseSession(session);
-            return reportError("the noise level failed at sample " + std::to_string(pos) + " (code " +
-                               std::to_string(static_cast<int>(level)) + ")");
-        }
-        out.push_back(level);
-    }
+        if (level <= -4.5f) out.push_back(level);
+        return level <= -4.5f;
+    });
     sonelAudioNoiseDbCloseSession(session);
+    if (failed < input.length)
+        return reportError("the noise level failed at sample " + std::to_string(failed) + " (code " +
+                           std::to_string(static_cast<int>(level)) + ")");
     return 0;
 }
 
