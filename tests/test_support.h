@@ -18,6 +18,10 @@
 
 namespace sonel_test {
 
+// A model's records by name, as the tests write them, and a list-of-vectors record's value.
+using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
+using Vectors = std::vector<std::vector<float>>;
+
 // A fresh folder under the system temp folder, removed with the object.
 class ScratchDir {
 public:
@@ -58,8 +62,7 @@ inline void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWri
 }
 
 // A writer holding `records`, in name order.
-inline SONEL::WEIGHTS::WeightWriter writerOf(
-    const std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>& records) {
+inline SONEL::WEIGHTS::WeightWriter writerOf(const Records& records) {
     SONEL::WEIGHTS::WeightWriter writer;
     for (const auto& [name, value] : records) writer.add(name, value);
     return writer;

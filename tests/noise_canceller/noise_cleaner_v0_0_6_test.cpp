@@ -29,9 +29,6 @@ using testing::internal::GetCapturedStdout;
 
 namespace {
 
-using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
-using Vectors = std::vector<std::vector<float>>;
-
 // A 16 kHz model: bins 1 … 160 at compress rate 3 (50 bands, not the default rate's 80), two past
 // frames of context, an input layer of 16, a GRU of 12 and an output layer of 10.
 constexpr unsigned kRate = 16000, kCompress = 3, kPreview = 2, kWidth = 16, kHidden = 12, kOut = 10;

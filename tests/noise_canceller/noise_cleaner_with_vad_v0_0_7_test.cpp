@@ -21,7 +21,6 @@ using SONEL::NOISE_CANCELLER::BandLayout;
 using SONEL::NOISE_CANCELLER::LayerNormGru;
 using SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_7;
 using Gated = SONEL::NOISE_CANCELLER::NoiseCleanerWithVad_v0_0_7;
-using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
 
 namespace {
 
@@ -38,8 +37,7 @@ void addNetwork(Records& r, const LayerNormGru::Keys& keys, unsigned features, u
         return m;
     };
     const unsigned width = 8, hidden = 6;
-    using Vectors = std::vector<std::vector<float>>;
-    r[keys.mean] = std::vector<float>(features, 1.0f);
+        r[keys.mean] = std::vector<float>(features, 1.0f);
     r[keys.deviation] = std::vector<float>(features, 4.0f);
     r[keys.inputWeights] = std::vector<Matrix>{matrix(width, features)};
     r[keys.inputBiases] = Vectors{std::vector<float>(width, 0.1f)};

@@ -28,8 +28,6 @@ using testing::internal::GetCapturedStderr;
 
 namespace {
 
-using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
-using Vectors = std::vector<std::vector<float>>;
 constexpr unsigned kFeatures = 127, kWidth = 16, kHidden = 12, kOut = 8;
 const unsigned kRates[] = {8000, 16000, 24000, 32000, 44100, 48000, 88200, 96000};
 

@@ -30,7 +30,6 @@ constexpr unsigned kInput = kState + kContext * kFeatures;
 // Column of the newest frame's first feature in x = state ‖ context.
 constexpr unsigned kNewest = kState + (kContext - 1) * kFeatures;
 
-using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
 
 struct Network {
     Matrix gate{kState, kInput};
