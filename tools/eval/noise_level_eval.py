@@ -32,6 +32,7 @@ import numpy as np
 import soundfile as sf
 
 import speed
+import pages
 import testsets
 
 EVAL_DIR = os.path.dirname(os.path.abspath(__file__))
@@ -219,12 +220,8 @@ def main(argv=None):
     items = [item for item in testsets.plan(holdout) if item["set"] in ("mix", "noise")]
     times = {} if args.no_benchmark else benchmark(args.build_dir)
     results = [(rate, run_rate(args, holdout, items, rate)) for rate in map(int, args.rates.split(","))]
-    command = "/usr/bin/python3 tools/eval/noise_level_eval.py " + " ".join(
-        a.replace(REPO + "/", "") for a in (argv if argv is not None else sys.argv[1:]))
-    text = page(results, times, args, command)
-    with open(os.path.join(REPO, "docs", "noise-level.md"), "w", encoding="utf-8") as out:
-        out.write(text)
-    print(text)
+    command = pages.command_line("noise_level_eval.py", argv)
+    pages.write("noise-level.md", page(results, times, args, command))
     return 0
 
 

@@ -36,6 +36,7 @@ import numpy as np
 import soundfile as sf
 
 import speed
+import pages
 import testsets
 from vad_eval import auc
 
@@ -235,12 +236,8 @@ def main(argv=None):
     holdout = testsets.Holdout(args.data_dir, args.extra_data)
     times = {} if args.no_benchmark else benchmark(args.build_dir)
     results = [(rate, run_rate(args, holdout, rate)) for rate in map(int, args.rates.split(","))]
-    command = "/usr/bin/python3 tools/eval/ringtone_eval.py " + " ".join(
-        a.replace(REPO + "/", "") for a in (argv if argv is not None else sys.argv[1:]))
-    text = page(results, times, args, command)
-    with open(os.path.join(REPO, "docs", "ringtone.md"), "w", encoding="utf-8") as out:
-        out.write(text)
-    print(text)
+    command = pages.command_line("ringtone_eval.py", argv)
+    pages.write("ringtone.md", page(results, times, args, command))
     return 0
 
 

@@ -35,6 +35,7 @@ import time
 import numpy as np
 import soundfile as sf
 
+import pages
 import testsets
 
 EVAL_DIR = os.path.dirname(os.path.abspath(__file__))
@@ -554,12 +555,8 @@ def main(argv=None):
     docs = os.path.join(REPO, "docs")
     os.makedirs(os.path.join(docs, "vad"), exist_ok=True)
     plot(rows, os.path.join(docs, "vad", "roc.png"))
-    command = "/usr/bin/python3 tools/eval/vad_eval.py " + " ".join(
-        a.replace(REPO + "/", "") for a in (argv if argv is not None else sys.argv[1:]))
-    text = page(cells, alarms, covering_auc(rows), energy_level, timing, target_lines, args, command.strip())
-    with open(os.path.join(docs, "vad.md"), "w", encoding="utf-8") as out:
-        out.write(text)
-    print(text)
+    command = pages.command_line("vad_eval.py", argv)
+    pages.write("vad.md", page(cells, alarms, covering_auc(rows), energy_level, timing, target_lines, args, command))
     return 0
 
 
