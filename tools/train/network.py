@@ -14,9 +14,8 @@ tanh(LayerNorm(W x + b)) and a logistic band layer. Export regroups the GRU's we
 
 Generation 0.0.7 (`SepDenseGruCleaner`) is the 0.0.6 form with the GRU and the normalised output
 layer in groups (`nc_v0_0_7.Network`; docs/design.md, Noise cleaner v0.0.7): group g reads every
-G-th value of the layer before and its own part of the state. The GRU is PyTorch's, its input
-read by group and its weights held block-diagonal (zero outside the blocks, gradients masked),
-so export keeps each row's own block.
+G-th value of the layer before and its own part of the state. The GRU is one PyTorch GRU per
+group; export stacks their units.
 """
 
 import dataclasses
@@ -269,25 +268,24 @@ class LayerNormGruCleaner(torch.nn.Module):
         x = self.gru_input(torch.tanh(self.inp_norm(self.inp(features))))
         if state is None:
             state = features.new_zeros(features.shape[0], self.state_size)
-        if bool(analysed.all()):
-            y, last = self.gru(x, state.unsqueeze(0))
-            state = last[0]
-        else:
-            # A frozen block must leave the state as it was, which the fused GRU cannot: the same
-            # cell one block at a time, the input part for all blocks at once.
-            g = self.gru
-            ahead = torch.nn.functional.linear(x, g.weight_ih_l0, g.bias_ih_l0)
-            keep = analysed.unsqueeze(-1)
-            outputs = []
-            for t, pre in enumerate(ahead.unbind(1)):
-                i_r, i_z, i_n = pre.chunk(3, dim=1)
-                h_r, h_z, h_n = torch.nn.functional.linear(state, g.weight_hh_l0, g.bias_hh_l0).chunk(3, dim=1)
-                r, z = torch.sigmoid(i_r + h_r), torch.sigmoid(i_z + h_z)
-                candidate = torch.tanh(i_n + r * h_n)
-                state = torch.where(keep[:, t], (1 - z) * candidate + z * state, state)
-                outputs.append(state)
-            y = torch.stack(outputs, 1)
-        return torch.sigmoid(self.out(torch.tanh(self.hid_norm(self.hid(y))))), state
+        # The fused GRU cannot skip a frozen block, so it runs over each stream's analysed blocks
+        # moved to the front, in order; every block then reads the state after the last analysed
+        # block up to it (the state it came in with before the first), and the states computed
+        # past a stream's analysed blocks are never read. A step-by-step loop that skips frozen
+        # blocks gives the same values, at twice the time of the grouped GRU.
+        order = torch.argsort((~analysed).to(torch.uint8), dim=1, stable=True)
+        front = x.gather(1, order.unsqueeze(-1).expand(-1, -1, x.shape[-1]))
+        states = torch.cat([state.unsqueeze(1), self.run_gru(front, state)], 1)
+        y = states.gather(1, analysed.long().cumsum(1).unsqueeze(-1).expand(-1, -1, states.shape[-1]))
+        return torch.sigmoid(self.out(torch.tanh(self.hid_norm(self.hid(y))))), y[:, -1]
+
+    def run_gru(self, x, state):
+        """The GRU's state after each block of x, from `state`."""
+        return self.gru(x, state.unsqueeze(0))[0]
+
+    def gru_groups(self):
+        """The GRUs whose units make the state, in order (one here)."""
+        return [self.gru]
 
     def gru_input(self, x):
         """The input layer's values in the order the GRU reads them."""
@@ -317,8 +315,8 @@ class GroupedLinear(torch.nn.Module):
 
 class SepDenseGruCleaner(LayerNormGruCleaner):
     """The 0.0.7 network form: LayerNormGruCleaner with its GRU and output layer in `groups`
-    groups. The GRU reads the input layer by group (every G-th value) and keeps its weights zero
-    outside each group's block, gradients included, so Adam never moves them."""
+    groups. The GRU is one PyTorch GRU per group, each reading its group's part of the input layer
+    (every G-th value) and keeping its part of the state."""
 
     def __init__(self, features, bands, hidden, groups):
         super().__init__(features, bands, hidden)
@@ -327,18 +325,15 @@ class SepDenseGruCleaner(LayerNormGruCleaner):
             raise ValueError("%d groups must split every width of %s" % (groups, self.hidden))
         self.groups = groups
         self.hid = GroupedLinear(state, out, groups)
-        unit_group = torch.arange(3 * state) % state // (state // groups)
-        for name, columns in (("weight_ih_l0", width), ("weight_hh_l0", state)):
-            mask = (unit_group[:, None] == torch.arange(columns)[None] // (columns // groups)).float()
-            self.register_buffer("mask_" + name, mask, persistent=False)
-            getattr(self.gru, name).register_hook(lambda grad, name=name: grad * getattr(self, "mask_" + name))
-        self.keep_blocks()
+        self.gru = torch.nn.ModuleList(torch.nn.GRU(width // groups, state // groups, batch_first=True)
+                                       for _ in range(groups))
 
-    def keep_blocks(self):
-        """Zeroes the GRU's weights outside the groups' blocks."""
-        with torch.no_grad():
-            for name in ("weight_ih_l0", "weight_hh_l0"):
-                getattr(self.gru, name).mul_(getattr(self, "mask_" + name))
+    def run_gru(self, x, state):
+        return torch.cat([gru(part.contiguous(), own.unsqueeze(0).contiguous())[0] for gru, part, own in
+                          zip(self.gru, x.chunk(self.groups, -1), state.chunk(self.groups, -1))], -1)
+
+    def gru_groups(self):
+        return list(self.gru)
 
     def gru_input(self, x):
         return x.unflatten(-1, (-1, self.groups)).transpose(-1, -2).flatten(-2)
@@ -348,41 +343,26 @@ def _np(p):
     return p.detach().cpu().numpy().astype(F32)
 
 
-def gru_records(gru, groups=1):
-    """A one-layer PyTorch GRU as the 0.0.6 records WeightGRU, BiasGRU, WeightGRU_reset and
-    BiasGRU_reset. PyTorch keeps the reset, update and candidate rows together ([r; z; n]) and the
-    input and state parts apart; the model file keeps update and candidate in "WeightGRU", the
-    reset gate apart, input and state columns side by side, and sums the two biases of each gate
-    (the candidate's state bias stays apart: the reset gate scales it). With groups (0.0.7) each
-    row keeps the columns of its own group's block, and anything outside it is refused."""
-    if gru.num_layers != 1 or not gru.bias or gru.bidirectional:
-        raise ValueError("the 0.0.6 records hold one forward GRU layer with biases")
-    h = gru.hidden_size
-    w_i, w_h = _np(gru.weight_ih_l0), _np(gru.weight_hh_l0)
-    b_i, b_h = _np(gru.bias_ih_l0), _np(gru.bias_hh_l0)
-    r, z, n = slice(0, h), slice(h, 2 * h), slice(2 * h, 3 * h)
-    gru_w = np.block([[w_i[z], w_h[z]], [w_i[n], w_h[n]]])
-    gru_b = np.concatenate([b_i[z] + b_h[z], b_i[n], b_h[n]])
-    reset_w = np.hstack([w_i[r], w_h[r]])
-    return _own_blocks(gru_w, gru.input_size, h, groups), gru_b, \
-        _own_blocks(reset_w, gru.input_size, h, groups), b_i[r] + b_h[r]
-
-
-def _own_blocks(w, inputs, hidden, groups):
-    """Rows of [input | state] columns cut to their group's input and state blocks (row r is unit
-    r mod hidden, of group unit // (hidden / groups))."""
-    if groups == 1:
-        return w
-    inputs_each, state_each = inputs // groups, hidden // groups
-    out = np.empty((w.shape[0], inputs_each + state_each), F32)
-    for row in range(w.shape[0]):
-        g = row % hidden // state_each
-        columns = np.r_[g * inputs_each:(g + 1) * inputs_each, inputs + g * state_each:inputs + (g + 1) * state_each]
-        outside = np.delete(w[row], columns)
-        if np.any(outside):
-            raise ValueError("GRU row %d has weights outside its group's block" % row)
-        out[row] = w[row, columns]
-    return out
+def gru_records(grus):
+    """One-layer PyTorch GRUs, one per group of units (one for an ungrouped network), as the 0.0.6
+    records WeightGRU, BiasGRU, WeightGRU_reset and BiasGRU_reset. PyTorch keeps the reset, update
+    and candidate rows together ([r; z; n]) and the input and state parts apart; the model file
+    keeps update and candidate in "WeightGRU", the reset gate apart, input and state columns side
+    by side (a unit's own group's, for 0.0.7), and sums the two biases of each gate (the
+    candidate's state bias stays apart: the reset gate scales it)."""
+    gates = {k: [] for k in ("w_r", "w_z", "w_n", "b_r", "b_z", "b_n", "b_hn")}
+    for gru in grus:
+        if gru.num_layers != 1 or not gru.bias or gru.bidirectional:
+            raise ValueError("the 0.0.6 records hold one forward GRU layer with biases")
+        w_i, w_h = _np(gru.weight_ih_l0), _np(gru.weight_hh_l0)
+        b_i, b_h = _np(gru.bias_ih_l0), _np(gru.bias_hh_l0)
+        for name, rows in zip("rzn", np.split(np.arange(3 * gru.hidden_size), 3)):
+            gates["w_" + name].append(np.hstack([w_i[rows], w_h[rows]]))
+            gates["b_" + name].append(b_i[rows] + b_h[rows] if name != "n" else b_i[rows])
+        gates["b_hn"].append(b_h[2 * gru.hidden_size:])
+    joined = {k: np.concatenate(v) for k, v in gates.items()}
+    return np.vstack([joined["w_z"], joined["w_n"]]), \
+        np.concatenate([joined["b_z"], joined["b_n"], joined["b_hn"]]), joined["w_r"], joined["b_r"]
 
 
 def _network_records(geometry, network, mu, sd):
@@ -391,7 +371,7 @@ def _network_records(geometry, network, mu, sd):
     if geometry.generation != nc.VERSION:
         n = network
         return lngru.records(mu, sd, [_np(n.inp.weight)], [_np(n.inp.bias)], [_np(n.inp_norm.weight)],
-                             [_np(n.inp_norm.bias)], *gru_records(n.gru, geometry.groups),
+                             [_np(n.inp_norm.bias)], *gru_records(n.gru_groups()),
                              [_np(n.hid.weight), _np(n.out.weight)],
                              [_np(n.hid.bias), _np(n.out.bias)], [_np(n.hid_norm.weight)], [_np(n.hid_norm.bias)])
     return {

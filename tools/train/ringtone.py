@@ -282,7 +282,7 @@ def network_arrays(model):
     GRU regrouped by network.gru_records, output layers, their norms)."""
     p = lambda t: t.detach().numpy().astype(F32)  # noqa: E731
     return ([p(model.inp.weight)], [p(model.inp.bias)], [p(model.inp_norm.weight)], [p(model.inp_norm.bias)],
-            *gru_records(model.gru), [p(model.hid.weight), p(model.out.weight)],
+            *gru_records([model.gru]), [p(model.hid.weight), p(model.out.weight)],
             [p(model.hid.bias), p(model.out.bias)], [p(model.hid_norm.weight)], [p(model.hid_norm.bias)])
 
 
