@@ -1,15 +1,30 @@
 #pragma once
-// Model files for tests and benchmarks: the header records every model carries, a pass-through
-// v0.0.5 cleaner (every gain 1) and random networks of a chosen size.
+// Model files for tests, benchmarks and fuzz targets: the header records every model carries, a
+// pass-through v0.0.5 cleaner (every gain 1), random networks of a chosen size, and small v0.0.7
+// cleaners with and without their voice detector.
 #include <cmath>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "noise_canceller/band_layout.h"
+#include "noise_canceller/noise_cleaner_v0_0_7.h"
+#include "noise_canceller/noise_cleaner_with_vad_v0_0_7.h"
 #include "weights/weight_writer.h"
 
 namespace sonel_test {
+
+// A model's records by name, as the tests write them, and a list-of-vectors record's value.
+using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
+using Vectors = std::vector<std::vector<float>>;
+
+// A writer holding `records`, in name order.
+inline SONEL::WEIGHTS::WeightWriter writerOf(const Records& records) {
+    SONEL::WEIGHTS::WeightWriter writer;
+    for (const auto& [name, value] : records) writer.add(name, value);
+    return writer;
+}
 
 // The records every model carries: what selection, caching and session set-up read.
 inline SONEL::WEIGHTS::WeightWriter headerRecords(const std::string& version, unsigned rate,
@@ -92,6 +107,69 @@ inline SONEL::WEIGHTS::WeightWriter cleanerModel(const CleanerModelSpec& s) {
     w.add("WeightLinear", linear);
     w.add("BaesLinear", linearBias);
     return w;
+}
+
+// A small layer-normalised network under `keys` whose last layer gives `outputs` values from zero
+// weights and a bias of `lastBias`: a constant, so a detector's decision and a cleaner's gains
+// are chosen.
+inline void addLayerNormNetwork(Records& r, const SONEL::NOISE_CANCELLER::LayerNormGru::Keys& keys,
+                                unsigned features, unsigned outputs, float lastBias) {
+    using SONEL::CONTAINERS::Matrix;
+    std::mt19937 rng(features);
+    std::normal_distribution<float> normal(0.0f, 0.3f);
+    auto matrix = [&](unsigned rows, unsigned columns) {
+        Matrix m(rows, columns);
+        for (float& v : m.data) v = normal(rng);
+        return m;
+    };
+    const unsigned width = 8, hidden = 6;
+    r[keys.mean] = std::vector<float>(features, 1.0f);
+    r[keys.deviation] = std::vector<float>(features, 4.0f);
+    r[keys.inputWeights] = std::vector<Matrix>{matrix(width, features)};
+    r[keys.inputBiases] = Vectors{std::vector<float>(width, 0.1f)};
+    r[keys.inputGains] = Vectors{std::vector<float>(width, 1.0f)};
+    r[keys.inputNormBiases] = Vectors{std::vector<float>(width, 0.0f)};
+    r[keys.gruWeight] = matrix(2 * hidden, width + hidden);
+    r[keys.gruBias] = std::vector<float>(3 * hidden, 0.0f);
+    r[keys.resetWeight] = matrix(hidden, width + hidden);
+    r[keys.resetBias] = std::vector<float>(hidden, 0.0f);
+    r[keys.outputWeights] = std::vector<Matrix>{Matrix(outputs, hidden)};
+    r[keys.outputBiases] = Vectors{std::vector<float>(outputs, lastBias)};
+    r[keys.outputGains] = Vectors{};
+    r[keys.outputNormBiases] = Vectors{};
+}
+
+constexpr unsigned kLayerNormRate = 16000, kLayerNormVadRate = 8000;
+
+// A 16 kHz v0.0.7 cleaner of working duration `workMs` (hop workMs / 2) with band gains
+// sigmoid(gainBias); with a detector (8 kHz, the same durations) whose probability is
+// sigmoid(vadBias) it is a gated file, without one a plain v0.0.7 file. LogPowerEpsilon 1 makes
+// the plain cleaner's silent context the gated one's zeros.
+inline Records layerNormCleanerModel(unsigned workMs, float gainBias, bool gated, float vadBias = 0.0f) {
+    using SONEL::NOISE_CANCELLER::BandLayout;
+    using Gated = SONEL::NOISE_CANCELLER::NoiseCleanerWithVad_v0_0_7;
+    const unsigned hop = kLayerNormRate * workMs / 2000;
+    const unsigned bands = static_cast<unsigned>(BandLayout(hop, 3).bandCount());
+    Records r{{"Version", std::string("0.0.7")}, {"SampleRate", kLayerNormRate}, {"FrameLength", 2 * hop},
+              {"Step", hop}, {"FilterBegin", 1u}, {"FilterEnd", hop + 1}, {"PreviewFrames", 1u},
+              {"CoefficientNumber", bands}, {"FreezeLowEnThr", 0.0f}, {"FreezeHighEnThr", 0.0f},
+              {"LogPowerEpsilon", 1.0f}, {"CONTROL_SONEL_COMPRESS_RATE_v0_0_7", 3u},
+              // Named apart: the registry's cache tells files apart by name, rate and duration.
+              {"ModelName", std::string(gated ? "gated-test" : "layer-norm-test")},
+              {"TimeStamp", std::string("20261124T000000")}};
+    addLayerNormNetwork(r, SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_7::networkKeys(
+                               gated ? Gated::kCleanerNetworkPrefix : ""),
+                        2 * bands, bands, gainBias);
+    if (!gated) return r;
+    const unsigned frame = kLayerNormVadRate * workMs / 1000;
+    const unsigned vadBands = static_cast<unsigned>(BandLayout(frame / 2, 3).bandCount());
+    for (const auto& [key, value] :
+         Records{{"VadVersion", std::string("0.0.1")}, {"VadSampleRate", kLayerNormVadRate},
+                 {"VadFrameLength", frame}, {"VadStep", frame / 2}, {"VadFiltrBegin", 1u},
+                 {"VadFiltrEnd", frame / 2 + 1}, {"VadPreviewFrames", 2u}, {"VadCoefficientNumber", vadBands}})
+        r[key] = value;
+    addLayerNormNetwork(r, Gated::detectorKeys(), 2 * vadBands, 1, vadBias);
+    return r;
 }
 
 }  // namespace sonel_test

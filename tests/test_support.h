@@ -18,10 +18,6 @@
 
 namespace sonel_test {
 
-// A model's records by name, as the tests write them, and a list-of-vectors record's value.
-using Records = std::map<std::string, SONEL::WEIGHTS::WeightWriter::Value>;
-using Vectors = std::vector<std::vector<float>>;
-
 // A fresh folder under the system temp folder, removed with the object.
 class ScratchDir {
 public:
@@ -59,13 +55,6 @@ inline void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWri
                           const std::string& name) {
     ASSERT_TRUE(writer.writeFile(dir.file(name + ".vlw")));
     registerModelFile(dir.file(name + ".vlw"), name);
-}
-
-// A writer holding `records`, in name order.
-inline SONEL::WEIGHTS::WeightWriter writerOf(const Records& records) {
-    SONEL::WEIGHTS::WeightWriter writer;
-    for (const auto& [name, value] : records) writer.add(name, value);
-    return writer;
 }
 
 // The model a session would build its cleaner from: `writer`'s records loaded back, with the

@@ -1,6 +1,8 @@
-// The per-frame functions of the C interface on a small registered cleaner and a voice detector.
+// The per-frame functions of the C interface on small registered cleaners and a voice detector.
 // The first four bytes pick the session: its kind (from 0xF0 up: close it after this input),
-// input rate, output rate and frame duration (some values are ones the interface must refuse).
+// input rate, output rate, and frame duration (some values are ones the interface must refuse)
+// with, for the cleaning kinds, the cleaner: the fourth byte divided by the duration count picks
+// the v0.0.5 cleaner, a v0.0.7 one or a v0.0.7 one gated by its voice detector.
 // Then each frame is one control byte followed by the frame's samples, raw float bits (NaN,
 // infinities and huge values included) or 16-bit values.
 //
@@ -45,6 +47,8 @@ constexpr SonelAudioFrameDuration kDurations[] = {SONEL_AUDIO_FRAME_10MS, SONEL_
                                                   SONEL_AUDIO_FRAME_30MS, SONEL_AUDIO_FRAME_40MS,
                                                   static_cast<SonelAudioFrameDuration>(25)};
 constexpr char kModel[] = "fuzz";
+// Cleaning sessions choose among these; the other kinds take kModel's name.
+constexpr const char* kCleaners[] = {kModel, "fuzz-0.0.7", "fuzz-gated"};
 constexpr unsigned kInputsPerReopen = 32;
 
 class Input {
@@ -78,20 +82,21 @@ struct Session {
     int64_t resetAt = -int64_t{kInputsPerReopen};
 };
 
-// Kind, input rate, output rate, frame duration.
+// Kind, input rate, output rate, frame duration, model name.
 using Configuration =
     std::tuple<SonelAudioSessionType, SonelAudioSamplingRate, SonelAudioSamplingRate,
-               SonelAudioFrameDuration>;
-// At most 5 kinds x 9 x 9 rates x 5 durations; the ones refused are never stored.
+               SonelAudioFrameDuration, const char*>;
+// At most (2 x 3 cleaners + 3 kinds) x 9 x 9 rates x 5 durations; the ones refused are never
+// stored.
 std::map<Configuration, Session> gSessions;
 
 void* create(SonelAudioSessionType kind, SonelAudioSamplingRate in, SonelAudioSamplingRate out,
-             SonelAudioFrameDuration duration) {
+             SonelAudioFrameDuration duration, const char* cleaner) {
     switch (kind) {
         case SONEL_AUDIO_SESSION_NC:
-            return sonelAudioNcCreateSession(in, out, duration, kModel);
+            return sonelAudioNcCreateSession(in, out, duration, cleaner);
         case SONEL_AUDIO_SESSION_NC_WITH_STATS:
-            return sonelAudioNcWithStatsCreateSession(in, out, duration, kModel);
+            return sonelAudioNcWithStatsCreateSession(in, out, duration, cleaner);
         case SONEL_AUDIO_SESSION_VAD:
             return sonelAudioVadCreateSession(in, duration, kModel);
         case SONEL_AUDIO_SESSION_RINGTONE:
@@ -337,8 +342,9 @@ SONEL::WEIGHTS::WeightWriter detectorModel() {
     return model;
 }
 
-// One small cleaner with every post-processing stage switched on, so frames reach all of them,
-// and the detector above.
+// One small v0.0.5 cleaner with every post-processing stage switched on, so frames reach all of
+// them, a v0.0.7 cleaner alone and behind its own detector (random networks, so the gate decides
+// both ways), and the voice detector above.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     sonel_fuzz::initialise();
     sonel_test::CleanerModelSpec spec;
@@ -358,6 +364,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     check(sonelAudioSetModelBlob(detector.data(), static_cast<unsigned>(detector.size()),
                                  "fuzz-detector") == SONEL_AUDIO_OK,
           "register the detector");
+    for (const bool gated : {false, true}) {
+        const std::vector<uint8_t> layerNorm =
+            sonel_test::writerOf(sonel_test::layerNormCleanerModel(20, 0.3f, gated)).toEnciphered();
+        check(sonelAudioSetModelBlob(layerNorm.data(), static_cast<unsigned>(layerNorm.size()),
+                                     kCleaners[1 + gated]) == SONEL_AUDIO_OK,
+              "register a v0.0.7 cleaner");
+    }
     return 0;
 }
 
@@ -368,14 +381,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool closeAfter = first >= 0xF0;
     const SonelAudioSamplingRate inRate = kRates[input.byte() % std::size(kRates)];
     const SonelAudioSamplingRate outRate = kRates[input.byte() % std::size(kRates)];
-    const SonelAudioFrameDuration duration = kDurations[input.byte() % std::size(kDurations)];
+    const uint8_t timing = input.byte();
+    const SonelAudioFrameDuration duration = kDurations[timing % std::size(kDurations)];
     const bool twoRates =
         kind == SONEL_AUDIO_SESSION_NC || kind == SONEL_AUDIO_SESSION_NC_WITH_STATS;
-    const Configuration configuration{kind, inRate, twoRates ? outRate : inRate, duration};
+    const char* cleaner =
+        twoRates ? kCleaners[timing / std::size(kDurations) % std::size(kCleaners)] : kModel;
+    const Configuration configuration{kind, inRate, twoRates ? outRate : inRate, duration, cleaner};
 
     auto stored = gSessions.find(configuration);
     if (stored == gSessions.end()) {
-        Session s{kind, create(kind, inRate, outRate, duration), 0, 0,
+        Session s{kind, create(kind, inRate, outRate, duration, cleaner), 0, 0,
                   static_cast<unsigned>(duration)};
         if (inRate == 22050 || (twoRates && outRate == 22050))
             check(s.handle == nullptr, "a session at an unsupported rate was made");

@@ -3,12 +3,8 @@
 // numbers are held against the NumPy reference in reference_parity_test.cpp.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <random>
 #include <vector>
 
-#include "noise_canceller/band_layout.h"
-#include "noise_canceller/noise_cleaner_v0_0_7.h"
 #include "noise_canceller/noise_cleaner_with_vad_v0_0_7.h"
 #include "sonel_audio_sdk/session.h"
 #include "test_support.h"
@@ -16,65 +12,11 @@
 #include "utils/energy_level.h"
 
 using namespace sonel_test;
-using SONEL::CONTAINERS::Matrix;
-using SONEL::NOISE_CANCELLER::BandLayout;
-using SONEL::NOISE_CANCELLER::LayerNormGru;
-using SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_7;
 using Gated = SONEL::NOISE_CANCELLER::NoiseCleanerWithVad_v0_0_7;
 
 namespace {
 
-constexpr unsigned kRate = 16000, kVadRate = 8000;
-
-// A small network under `keys` whose last layer gives `outputs` values from zero weights and a
-// bias of `lastBias`: a constant, so the detector's decision and the cleaner's gains are chosen.
-void addNetwork(Records& r, const LayerNormGru::Keys& keys, unsigned features, unsigned outputs, float lastBias) {
-    std::mt19937 rng(features);
-    std::normal_distribution<float> normal(0.0f, 0.3f);
-    auto matrix = [&](unsigned rows, unsigned columns) {
-        Matrix m(rows, columns);
-        for (float& v : m.data) v = normal(rng);
-        return m;
-    };
-    const unsigned width = 8, hidden = 6;
-        r[keys.mean] = std::vector<float>(features, 1.0f);
-    r[keys.deviation] = std::vector<float>(features, 4.0f);
-    r[keys.inputWeights] = std::vector<Matrix>{matrix(width, features)};
-    r[keys.inputBiases] = Vectors{std::vector<float>(width, 0.1f)};
-    r[keys.inputGains] = Vectors{std::vector<float>(width, 1.0f)};
-    r[keys.inputNormBiases] = Vectors{std::vector<float>(width, 0.0f)};
-    r[keys.gruWeight] = matrix(2 * hidden, width + hidden);
-    r[keys.gruBias] = std::vector<float>(3 * hidden, 0.0f);
-    r[keys.resetWeight] = matrix(hidden, width + hidden);
-    r[keys.resetBias] = std::vector<float>(hidden, 0.0f);
-    r[keys.outputWeights] = std::vector<Matrix>{Matrix(outputs, hidden)};
-    r[keys.outputBiases] = Vectors{std::vector<float>(outputs, lastBias)};
-    r[keys.outputGains] = Vectors{};
-    r[keys.outputNormBiases] = Vectors{};
-}
-
-// A 16 kHz v0.0.7 cleaner of working duration `workMs` (hop workMs / 2) with band gains
-// sigmoid(gainBias); with a detector (8 kHz, the same durations) whose probability is
-// sigmoid(vadBias) it is a gated file, without one a plain v0.0.7 file. LogPowerEpsilon 1 makes
-// the plain cleaner's silent context the gated one's zeros.
-Records model(unsigned workMs, float gainBias, bool gated, float vadBias = 0.0f) {
-    const unsigned hop = kRate * workMs / 2000, bands = static_cast<unsigned>(BandLayout(hop, 3).bandCount());
-    Records r{{"Version", std::string("0.0.7")}, {"SampleRate", kRate}, {"FrameLength", 2 * hop}, {"Step", hop},
-              {"FilterBegin", 1u}, {"FilterEnd", hop + 1}, {"PreviewFrames", 1u}, {"CoefficientNumber", bands},
-              {"FreezeLowEnThr", 0.0f}, {"FreezeHighEnThr", 0.0f}, {"LogPowerEpsilon", 1.0f},
-              {"CONTROL_SONEL_COMPRESS_RATE_v0_0_7", 3u}};
-    addNetwork(r, NoiseCleaner_v0_0_7::networkKeys(gated ? Gated::kCleanerNetworkPrefix : ""), 2 * bands, bands,
-               gainBias);
-    if (!gated) return r;
-    const unsigned frame = kVadRate * workMs / 1000, vadBands = static_cast<unsigned>(BandLayout(frame / 2, 3).bandCount());
-    for (const auto& [key, value] : Records{{"VadVersion", std::string("0.0.1")}, {"VadSampleRate", kVadRate},
-                                            {"VadFrameLength", frame}, {"VadStep", frame / 2}, {"VadFiltrBegin", 1u},
-                                            {"VadFiltrEnd", frame / 2 + 1}, {"VadPreviewFrames", 2u},
-                                            {"VadCoefficientNumber", vadBands}})
-        r[key] = value;
-    addNetwork(r, Gated::detectorKeys(), 2 * vadBands, 1, vadBias);
-    return r;
-}
+constexpr unsigned kRate = kLayerNormRate, kVadRate = kLayerNormVadRate;
 
 // A session's output for `x` in frames of `frameMs` at the model's rate, the model alone in the
 // registry; empty when the session is refused.
@@ -103,10 +45,10 @@ TEST(NoiseCleanerWithVadV007, TheDetectorDecidesPerHopWhetherTheV007CleanerRuns)
     const std::vector<float> x = gaussianNoise(kRate, 0.1f, 1);
     // Speech (and a probability of exactly 0.5) runs the v0.0.7 cleaning step on every hop: the
     // plain cleaner's output, one 10 ms hop late like it, sample for sample.
-    const std::vector<float> plain = cleaned(model(20, 0.3f, false), x);
+    const std::vector<float> plain = cleaned(layerNormCleanerModel(20, 0.3f, false), x);
     for (float vadBias : {20.0f, 0.0f}) {
         SCOPED_TRACE(vadBias);
-        const std::vector<float> gated = cleaned(model(20, 0.3f, true, vadBias), x);
+        const std::vector<float> gated = cleaned(layerNormCleanerModel(20, 0.3f, true, vadBias), x);
         ASSERT_EQ(gated.size(), x.size());
         size_t differing = 0;
         for (size_t i = 0; i < x.size(); ++i) differing += gated[i] != plain[i];
@@ -116,12 +58,12 @@ TEST(NoiseCleanerWithVadV007, TheDetectorDecidesPerHopWhetherTheV007CleanerRuns)
     // allocates; everything counts as noise, the hops' mean square at full scale 1.
     size_t allocations = 0, nonZero = 0;
     const std::vector<float> loud = gaussianNoise(48000, 0.2f, 2);
-    for (float v : cleaned(model(20, 0.3f, true, -20.0f), loud, 10, 48000, &allocations)) nonZero += v != 0.0f;
+    for (float v : cleaned(layerNormCleanerModel(20, 0.3f, true, -20.0f), loud, 10, 48000, &allocations)) nonZero += v != 0.0f;
     EXPECT_EQ(nonZero, 0u);
     EXPECT_EQ(allocations, 0u);
 
     testing::internal::CaptureStdout();
-    Gated silent(modelFrom(writerOf(model(20, 0.3f, true, -20.0f))), 10);
+    Gated silent(modelFrom(writerOf(layerNormCleanerModel(20, 0.3f, true, -20.0f))), 10);
     testing::internal::GetCapturedStdout();
     const std::vector<float> tone = sine(kRate, 500.0, kRate, 8192.0f);
     SONEL::ncAudioInfo_t info{};
@@ -139,8 +81,8 @@ TEST(NoiseCleanerWithVadV007, OutputPrefillFollowsTheDurationsAndMismatchedDurat
     // A 30 ms cleaner fed 40 ms frames puts 25 ms of silence ahead of its output: the plain
     // cleaner's output (one 15 ms hop late, the same in any frames of whole hops) 10 ms later.
     const std::vector<float> x = gaussianNoise(kRate, 0.1f, 3);
-    const std::vector<float> plain = cleaned(model(30, 0.3f, false), x, 30),
-                             gated = cleaned(model(30, 0.3f, true, 20.0f), x, 40);
+    const std::vector<float> plain = cleaned(layerNormCleanerModel(30, 0.3f, false), x, 30),
+                             gated = cleaned(layerNormCleanerModel(30, 0.3f, true, 20.0f), x, 40);
     ASSERT_EQ(gated.size(), x.size());
     ASSERT_EQ(plain.size(), x.size());
     const size_t later = kRate * 10 / 1000;
@@ -149,7 +91,7 @@ TEST(NoiseCleanerWithVadV007, OutputPrefillFollowsTheDurationsAndMismatchedDurat
     EXPECT_EQ(differing, 0u);
 
     // A detector whose frames last longer than the cleaner's.
-    Records mismatched = model(20, 0.3f, true, 20.0f);
+    Records mismatched = layerNormCleanerModel(20, 0.3f, true, 20.0f);
     mismatched["VadFrameLength"] = 4 * kVadRate / 100;
     try {
         Gated refused(modelFrom(writerOf(mismatched)), 10);
