@@ -33,7 +33,7 @@ import nc_v0_0_7_vad as nc7vad  # noqa: E402
 sw = vad.sw
 F32 = np.float32
 PREVIEW = 4
-WIDTHS = (48, 48, 24)  # input layer, GRU, hidden output layer
+WIDTHS = (64, 64, 32)  # input layer, GRU, hidden output layer
 SD_FLOOR = 0.05
 SPEECH_KEPT = 0.99
 RATES = (8000, 16000, 24000, 32000)
