@@ -14,6 +14,7 @@
 
 #include "sonel-audio-sdk.h"
 #include "model_factory.h"
+#include "utils/sonel_exception.h"
 #include "weights/model.h"
 
 namespace sonel_test {
@@ -36,6 +37,8 @@ private:
 
 inline std::wstring wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
 
+inline SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
+
 // Holds one global reference for the length of a test.
 struct GlobalInstance {
     GlobalInstance() { EXPECT_EQ(sonelAudioGlobalInit(nullptr), SONEL_AUDIO_OK); }
@@ -57,6 +60,13 @@ inline void registerModel(const ScratchDir& dir, const SONEL::WEIGHTS::WeightWri
     registerModelFile(dir.file(name + ".vlw"), name);
 }
 
+// A host's registry for one test: a global reference and a folder for the model files it is handed.
+struct Registry {
+    ScratchDir dir;
+    GlobalInstance global;
+    void add(const SONEL::WEIGHTS::WeightWriter& writer, const std::string& name) { registerModel(dir, writer, name); }
+};
+
 // The model a session would build its cleaner from: `writer`'s records loaded back, with the
 // control-file entries `env`.
 inline SONEL::WEIGHTS::ModelPtr modelFrom(
@@ -68,6 +78,26 @@ inline SONEL::WEIGHTS::ModelPtr modelFrom(
     auto model = std::make_shared<SONEL::WEIGHTS::ModelPair>(weight, SONEL::CONTAINERS::AnyMap{});
     for (const auto& [key, value] : env) model->second.set<std::string>(key, value);
     return model;
+}
+
+inline SONEL::WEIGHTS::ModelPtr modelOf(const Records& records,
+                                        const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    return modelFrom(writerOf(records), env);
+}
+
+// What building a `Cleaner` from `model` for `hz` throws, or "accepted". Notes a cleaner prints
+// while it is built are swallowed.
+template <class Cleaner>
+std::string refusal(const SONEL::WEIGHTS::ModelPtr& model, unsigned hz) {
+    testing::internal::CaptureStdout();
+    try {
+        Cleaner cleaner(model, hz);
+        testing::internal::GetCapturedStdout();
+        return "accepted";
+    } catch (const SONEL::UTILS::SonelException& e) {
+        testing::internal::GetCapturedStdout();
+        return e.what();
+    }
 }
 
 // White Gaussian noise of standard deviation `rms`.

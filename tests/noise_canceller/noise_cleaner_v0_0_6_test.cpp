@@ -121,8 +121,6 @@ void registerModel(const ScratchDir& dir, const Records& records, const std::str
     GetCapturedStdout();
 }
 
-SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
-
 // A voiced tone with noise whose level moves, full scale ±1.
 std::vector<float> noisyVoice(unsigned hz, double seconds, unsigned seed) {
     std::mt19937 rng(seed);

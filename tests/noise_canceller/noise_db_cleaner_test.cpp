@@ -25,8 +25,6 @@ namespace {
 
 constexpr float kFloor = NoiseDBCleaner_v0_0_1::kFloorDbfs;
 
-SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
-
 const char* const kShipped = SONEL_SOURCE_DIR "/models/sonel-nc-16k.vlw";
 
 // The level after each 10 ms frame of `x`, through the float path.

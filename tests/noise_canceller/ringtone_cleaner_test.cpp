@@ -31,8 +31,6 @@ namespace {
 constexpr unsigned kFeatures = 127, kWidth = 16, kHidden = 12, kOut = 8;
 const unsigned kRates[] = {8000, 16000, 24000, 32000, 44100, 48000, 88200, 96000};
 
-SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
-
 // A random detector: one input layer of 16, a GRU of 12, output layers 12 → 8 → 1.
 Records ringtoneRecords(unsigned seed = 1, const std::string& version = "0.0.6") {
     std::mt19937 rng(seed);
@@ -70,8 +68,6 @@ Records ringtoneRecords(unsigned seed = 1, const std::string& version = "0.0.6")
             {"GainNonLinearNorm", Vectors{values(kOut, 1)}},
             {"BiasNonLinearNorm", Vectors{values(kOut, 0)}}};
 }
-
-SONEL::WEIGHTS::ModelPtr modelOf(const Records& records) { return modelFrom(writerOf(records)); }
 
 // Noise with a 440 + 480 Hz ring that is on for 0.4 s of every 0.6 s, full scale ±1.
 std::vector<float> ringing(unsigned hz, double seconds, unsigned seed) {

@@ -89,18 +89,11 @@ Records withThresholds(Records r, float low, float best, float high) {
     return r;
 }
 
-SONEL::WEIGHTS::ModelPtr modelOf(const Records& records,
-                                 const std::vector<std::pair<std::string, std::string>>& env = {}) {
-    return modelFrom(writerOf(records), env);
-}
-
 float runBlock(VadCleaner_v0_0_1& vad, std::vector<float> block) {
     EXPECT_TRUE(vad.cleanNoise(block, nullptr, false));
     EXPECT_EQ(block.size(), 1u);
     return block.empty() ? NAN : block[0];
 }
-
-SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
 
 }  // namespace
 

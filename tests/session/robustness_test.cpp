@@ -20,8 +20,6 @@ namespace {
 
 const unsigned kHostRates[] = {8000, 16000, 24000, 32000, 44100, 48000, 88200, 96000};
 
-SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
-
 // A random network: its recurrent state carries every input into later frames.
 CleanerModelSpec randomNetwork(unsigned modelRate, unsigned hopMs = 10) {
     CleanerModelSpec spec;

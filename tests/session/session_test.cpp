@@ -24,8 +24,6 @@ namespace {
 
 const std::vector<unsigned> kHostRates = {8000, 16000, 24000, 32000, 44100, 48000, 88200, 96000};
 
-SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
-
 // Runs `input` through an NC session in 10 ms frames; every call must succeed.
 std::vector<float> runSession(void* session, const std::vector<float>& input, unsigned frame) {
     std::vector<float> output(input.size());

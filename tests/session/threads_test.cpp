@@ -19,8 +19,6 @@ using namespace sonel_test;
 
 namespace {
 
-SonelAudioSamplingRate rate(unsigned hz) { return static_cast<SonelAudioSamplingRate>(hz); }
-
 // Speech-like test signal: a gliding harmonic tone over white noise, different per seed.
 std::vector<float> testSignal(unsigned host, unsigned frames, unsigned seed) {
     std::mt19937 rng(seed);
