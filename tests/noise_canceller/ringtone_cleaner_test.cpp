@@ -1,13 +1,13 @@
 // The ringtone detector and its network: malformed models, ringtone sessions at every rate and
 // frame duration, selection among models of several kinds, and the cleaning sessions' ringtone
 // flag. Its numbers are held against the NumPy reference in reference_parity_test.cpp.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <functional>
-#include <map>
 #include <random>
 #include <vector>
 
@@ -23,6 +23,7 @@ using namespace sonel_test;
 using SONEL::CONTAINERS::Matrix;
 using SONEL::NOISE_CANCELLER::RingtoneCleaner_v0_0_1;
 using SONEL::SONEL_AUDIO::SonelAudioSessionT;
+using testing::HasSubstr;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -88,54 +89,39 @@ SonelAudioSessionT& sessionOf(void* handle) { return *static_cast<SonelAudioSess
 }  // namespace
 
 TEST(RingtoneModel, MalformedRecordsAreRefusedByName) {
-    struct Case {
-        const char* change;
-        std::function<void(Records&)> apply;
-        std::string message;
-        unsigned rate = 16000;
-    };
     auto matrices = [](Records& r, const char* key) -> std::vector<Matrix>& {
         return std::get<std::vector<Matrix>>(r[key]);
     };
     auto vectors = [](Records& r, const char* key) -> Vectors& { return std::get<Vectors>(r[key]); };
-    const std::vector<Case> cases = {
-        {"not a detector", [](Records& r) { r["RingtoneVersion"] = std::string(); }, "RingtoneVersion is missing"},
-        {"rate below the grid", [](Records&) {}, "sample rate 7999 Hz is outside", 7999},
-        {"short MU", [](Records& r) { r["MU"] = std::vector<float>(126, 0.0f); }, "MU and SD need 127 values"},
-        {"zero SD", [](Records& r) { std::get<std::vector<float>>(r["SD"])[126] = 0.0f; }, "SD[126] is 0"},
-        {"no reset bias", [](Records& r) { r.erase("BiasGRU_reset"); }, "BiasGRU_reset doesn't exists"},
-        {"input layer width", [&](Records& r) { matrices(r, "WeightLinear")[0] = Matrix(kWidth, 100); },
+    const std::vector<std::pair<std::function<void(Records&)>, std::string>> cases = {
+        {[](Records& r) { r["RingtoneVersion"] = std::string(); }, "RingtoneVersion is missing"},
+        {[](Records& r) { r["MU"] = std::vector<float>(126, 0.0f); }, "MU and SD need 127 values"},
+        {[](Records& r) { std::get<std::vector<float>>(r["SD"])[126] = 0.0f; }, "SD[126] is 0"},
+        {[](Records& r) { r.erase("BiasGRU_reset"); }, "BiasGRU_reset doesn't exists"},
+        {[&](Records& r) { matrices(r, "WeightLinear")[0] = Matrix(kWidth, 100); },
          "WeightLinear[0] is 16 x 100, not (at least 1) x 127"},
-        {"norm gain width", [&](Records& r) { vectors(r, "GainLinearNorm")[0].pop_back(); },
+        {[&](Records& r) { vectors(r, "GainLinearNorm")[0].pop_back(); },
          "GainLinearNorm[0] and BiasLinearNorm[0] need 16 values"},
-        {"reset reads the wrong width",
-         [](Records& r) { r["WeightGRU_reset"] = Matrix(kHidden, kWidth + kHidden + 1); },
-         "WeightGRU_reset is 12 x 29"},
-        {"GRU rows", [](Records& r) { r["WeightGRU"] = Matrix(3 * kHidden, kWidth + kHidden); },
-         "WeightGRU is 36 x 28, not 24 x 28"},
-        {"GRU bias", [](Records& r) { r["BiasGRU"] = std::vector<float>(2 * kHidden); }, "BiasGRU needs 36 values"},
-        {"norm on the logistic layer", [&](Records& r) { vectors(r, "GainNonLinearNorm").push_back({1.0f}); },
+        {[](Records& r) { r["WeightGRU_reset"] = Matrix(kHidden, kWidth + kHidden + 1); }, "WeightGRU_reset is 12 x 29"},
+        {[](Records& r) { r["WeightGRU"] = Matrix(3 * kHidden, kWidth + kHidden); }, "WeightGRU is 36 x 28, not 24 x 28"},
+        {[](Records& r) { r["BiasGRU"] = std::vector<float>(2 * kHidden); }, "BiasGRU needs 36 values"},
+        // No normalisation on the logistic layer.
+        {[&](Records& r) { vectors(r, "GainNonLinearNorm").push_back({1.0f}); },
          "GainNonLinearNorm and BiasNonLinearNorm need 1 entries each, not 2 and 1"},
-        {"output chain", [&](Records& r) { matrices(r, "WeightNonLinear")[1] = Matrix(1, kOut + 1); },
-         "WeightNonLinear[1] is 1 x 9"},
-        {"two outputs",
-         [&](Records& r) {
+        {[&](Records& r) { matrices(r, "WeightNonLinear")[1] = Matrix(1, kOut + 1); }, "WeightNonLinear[1] is 1 x 9"},
+        {[&](Records& r) {
              matrices(r, "WeightNonLinear")[1] = Matrix(2, kOut);
              vectors(r, "BiasNonLinear")[1] = {0.0f, 0.0f};
          },
          "a detector gives one probability"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.change);
+    for (const auto& [apply, message] : cases) {
         Records records = ringtoneRecords();
-        c.apply(records);
-        try {
-            RingtoneCleaner_v0_0_1 detector(modelOf(records), c.rate);
-            ADD_FAILURE() << "accepted";
-        } catch (const SONEL::UTILS::SonelException& e) {
-            EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
-        }
+        apply(records);
+        EXPECT_THAT(refusal<RingtoneCleaner_v0_0_1>(modelOf(records), 16000), HasSubstr(message));
     }
+    EXPECT_THAT(refusal<RingtoneCleaner_v0_0_1>(modelOf(ringtoneRecords()), 7999),
+                HasSubstr("sample rate 7999 Hz is outside"));
 
     // Other record names: the same network under them runs the same.
     Records renamed;
@@ -159,9 +145,8 @@ TEST(RingtoneModel, MalformedRecordsAreRefusedByName) {
 }
 
 TEST(RingtoneSession, EveryRateAndDurationGivesTheMeanOfItsHopsWithoutAllocating) {
-    ScratchDir dir;
-    GlobalInstance global;
-    registerModel(dir, writerOf(ringtoneRecords()), "ring");
+    Registry registry;
+    registry.add(writerOf(ringtoneRecords()), "ring");
     size_t allocations = 0;
     for (unsigned host : kRates) {
         const size_t hop = host / 100;
@@ -213,13 +198,12 @@ TEST(RingtoneSession, EveryRateAndDurationGivesTheMeanOfItsHopsWithoutAllocating
 
 TEST(RingtoneSession, ReturnCodesSelectionByKindAndRefusedModels) {
     {
-        ScratchDir dir;
-        GlobalInstance global;
+        Registry registry;
         CleanerModelSpec spec;
-        registerModel(dir, cleanerModel(spec), "a16");
+        registry.add(cleanerModel(spec), "a16");
         spec.rate = 32000;
-        registerModel(dir, cleanerModel(spec), "b32");
-        registerModel(dir, writerOf(ringtoneRecords()), "ring");
+        registry.add(cleanerModel(spec), "b32");
+        registry.add(writerOf(ringtoneRecords()), "ring");
         // Whatever the name, ringtone sessions get the detector at their own rate and cleaning
         // sessions a cleaner by the usual rule: at 8 kHz, below both, the last cleaner.
         for (unsigned host : {8000u, 16000u, 44100u, 48000u}) {
@@ -227,9 +211,7 @@ TEST(RingtoneSession, ReturnCodesSelectionByKindAndRefusedModels) {
             void* ring = sonelAudioRingtoneCreateSession(rate(host), SONEL_AUDIO_FRAME_10MS, "a16");
             void* nc = sonelAudioNcCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "ring");
             void* level = sonelAudioNoiseDbCreateSession(rate(host), SONEL_AUDIO_FRAME_10MS, "ring");
-            ASSERT_NE(ring, nullptr);
-            ASSERT_NE(nc, nullptr);
-            ASSERT_NE(level, nullptr);
+            ASSERT_TRUE(ring && nc && level);
             EXPECT_NE(dynamic_cast<RingtoneCleaner_v0_0_1*>(&sessionOf(ring).cleaner()), nullptr);
             EXPECT_EQ(sessionOf(ring).cleaner().sampleRate(), host);
             EXPECT_NE(dynamic_cast<SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_5*>(&sessionOf(nc).cleaner()), nullptr);
@@ -250,8 +232,6 @@ TEST(RingtoneSession, ReturnCodesSelectionByKindAndRefusedModels) {
             EXPECT_EQ(sonelAudioDetectRingtoneFrameInt16(ring, nullptr, n), -3.0f);
             EXPECT_EQ(sonelAudioDetectRingtoneFrameFloat(nc, samples.data(), n), -4.0f);
             EXPECT_EQ(sonelAudioDetectRingtoneFrameInt16(nullptr, pcm.data(), n), -4.0f);
-            EXPECT_EQ(sonelAudioVadFrameFloat(ring, samples.data(), n), -4.0f);
-            EXPECT_EQ(sonelAudioNoiseDbFrameFloat(ring, samples.data(), n), -4.0f);
             EXPECT_EQ(sonelAudioNcCleanAmbientNoiseFloat(ring, samples.data(), n, samples.data(), n),
                       SONEL_AUDIO_WRONG_SESSION);
             EXPECT_EQ(sonelAudioNcCloseSession(ring), SONEL_AUDIO_SONEL_EXCEPTION);
@@ -263,22 +243,17 @@ TEST(RingtoneSession, ReturnCodesSelectionByKindAndRefusedModels) {
         }
     }
 
-    // A model alone that a ringtone session cannot run refuses the session with the reason: a
-    // malformed detector, or one of a later generation, detector or cleaner.
-    Records malformed = ringtoneRecords(), cleaner07;
-    malformed["BiasGRU"] = std::vector<float>(2 * kHidden);
+    // A model alone of a later generation, detector or cleaner, refuses a ringtone session.
+    Records cleaner07;
     for (const char* key : {"SampleRate", "FrameLength", "ModelName", "TimeStamp"})
         cleaner07[key] = ringtoneRecords()[key];
     cleaner07["Version"] = std::string("0.0.7");
-    for (const auto& [model, reason] : {std::pair{malformed, "BiasGRU needs 36 values"},
-                                        std::pair{ringtoneRecords(1, "0.0.7"), "Unsupported weight version"},
-                                        std::pair{cleaner07, "Unsupported weight version"}}) {
-        ScratchDir dir;
-        GlobalInstance global;
-        registerModel(dir, writerOf(model), "refused");
+    for (const Records& model : {ringtoneRecords(1, "0.0.7"), cleaner07}) {
+        Registry registry;
+        registry.add(writerOf(model), "refused");
         CaptureStderr();
         EXPECT_EQ(sonelAudioRingtoneCreateSession(rate(48000), SONEL_AUDIO_FRAME_10MS, "refused"), nullptr);
-        EXPECT_NE(GetCapturedStderr().find(reason), std::string::npos) << reason;
+        EXPECT_THAT(GetCapturedStderr(), HasSubstr("Unsupported weight version"));
     }
 }
 
@@ -290,15 +265,14 @@ TEST(RingtoneFlag, CleaningSessionsReportTheDetectorWithoutChangingTheirOutput) 
     const std::vector<float> x = ringing(48000, 2.0, 7);
     for (unsigned host : {16000u, 48000u}) {
         SCOPED_TRACE(host);
-        ScratchDir dir;
-        GlobalInstance global;
-        registerModel(dir, cleanerModel(spec), "nc");
+        Registry registry;
+        registry.add(cleanerModel(spec), "nc");
         const unsigned n = host / 100, frames = static_cast<unsigned>(x.size() / 480);
         auto stats = [&] {
             return sonelAudioNcWithStatsCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "nc");
         };
         void* before = stats();  // made while no detector is registered
-        registerModel(dir, writerOf(ringtoneRecords()), "ring");
+        registry.add(writerOf(ringtoneRecords()), "ring");
         // The threshold is the median of what a ringtone session at the cleaner's rate reports, so
         // both states occur.
         void* ring = sonelAudioRingtoneCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "ring");
@@ -356,12 +330,11 @@ TEST(RingtoneFlag, CleaningSessionsReportTheDetectorWithoutChangingTheirOutput) 
     }
 
     // A detector that cannot be built is reported once; the flag then reports nothing.
-    ScratchDir dir;
-    GlobalInstance global;
-    registerModel(dir, cleanerModel(spec), "nc");
+    Registry registry;
+    registry.add(cleanerModel(spec), "nc");
     Records bad = ringtoneRecords();
     bad["MU"] = std::vector<float>(3, 0.0f);
-    registerModel(dir, writerOf(bad), "bad");
+    registry.add(writerOf(bad), "bad");
     void* session = sonelAudioNcWithStatsCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "nc");
     ASSERT_NE(session, nullptr);
     CaptureStderr();
@@ -374,7 +347,7 @@ TEST(RingtoneFlag, CleaningSessionsReportTheDetectorWithoutChangingTheirOutput) 
         EXPECT_EQ(info.ringtoneState, 0u);
     }
     const std::string said = GetCapturedStderr();
-    EXPECT_NE(said.find("MU and SD need 127 values"), std::string::npos) << said;
+    EXPECT_THAT(said, HasSubstr("MU and SD need 127 values"));
     EXPECT_EQ(said.find("MU and SD"), said.rfind("MU and SD"));
     EXPECT_EQ(sonelAudioNcWithStatsCloseSession(session), SONEL_AUDIO_OK);
 }
