@@ -55,9 +55,8 @@ std::vector<float> cleaned(unsigned host, SonelAudioFrameDuration duration, cons
 }  // namespace
 
 TEST(SessionRobustness, NonFiniteAndHugeSamplesAreSilenceAndTheStreamRecovers) {
-    ScratchDir dir;
-    GlobalInstance global;
-    registerModel(dir, cleanerModel(randomNetwork(16000)), "default");
+    Registry registry;
+    registry.add(cleanerModel(randomNetwork(16000)), "default");
     const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
     for (unsigned host : {16000u, 48000u}) {
         const unsigned frame = host / 100;
@@ -118,9 +117,8 @@ TEST(SessionRobustness, EveryFrameDurationIsExactOrRefused) {
     size_t accepted = 0, refused = 0;
     // Models are chosen by rate among all registered ones, so each model is tried on its own.
     for (auto [modelRate, hopMs] : {std::pair{16000u, 10u}, std::pair{32000u, 10u}, std::pair{16000u, 15u}}) {
-        ScratchDir dir;
-        GlobalInstance global;
-        registerModel(dir, cleanerModel(randomNetwork(modelRate, hopMs)), "default");
+        Registry registry;
+        registry.add(cleanerModel(randomNetwork(modelRate, hopMs)), "default");
         // The stream in frames of one hop (10 ms), or of two for the 15 ms model, is the reference.
         const SonelAudioFrameDuration base = hopMs == 15 ? SONEL_AUDIO_FRAME_30MS : SONEL_AUDIO_FRAME_10MS;
         for (unsigned host : kHostRates) {
@@ -187,8 +185,7 @@ TEST(SessionRobustness, DetectorSessionsAtEveryDurationDetectOrAreRefused) {
 }
 
 TEST(SessionRobustness, HostileNumbersInAModelAreRefusedOrBounded) {
-    ScratchDir dir;
-    GlobalInstance global;
+    Registry registry;
     const std::string key = "CONTROL_SONEL_BACKGROUND_SPEAKER_FIX_RUN_FRAME_COUNT_v0_0_5";
     // A history of 1e8 blocks would take 400 MB in every session, switched on or not.
     for (float count : {1e8f, -1.0f, 0.0f}) {
@@ -197,7 +194,7 @@ TEST(SessionRobustness, HostileNumbersInAModelAreRefusedOrBounded) {
         writer.add(key, count);
         // Models are chosen by rate among all registered ones: one at a time, each removed after.
         const std::string name = "hostile" + std::to_string(static_cast<long long>(count));
-        registerModel(dir, writer, name);
+        registry.add(writer, name);
         CaptureStdout();
         const size_t before = allocatedBytes();
         void* session = sonelAudioNcCreateSession(SONEL_AUDIO_RATE_16000, SONEL_AUDIO_RATE_16000,
@@ -219,7 +216,7 @@ TEST(SessionRobustness, HostileNumbersInAModelAreRefusedOrBounded) {
         CleanerModelSpec spec = randomNetwork(16000);
         (std::string(record) == "SD" ? spec.sd : spec.logEpsilon) = 0.0f;
         const std::string name = std::string("zero-") + record;
-        registerModel(dir, cleanerModel(spec), name);
+        registry.add(cleanerModel(spec), name);
         CaptureStderr();
         EXPECT_EQ(sonelAudioNcCreateSession(SONEL_AUDIO_RATE_16000, SONEL_AUDIO_RATE_16000, SONEL_AUDIO_FRAME_10MS,
                                             name.c_str()),

@@ -38,11 +38,10 @@ std::vector<float> runSession(void* session, const std::vector<float>& input, un
 
 TEST(SessionFrames, ExactSizesAndNoClicksAtEveryHostRate) {
     for (unsigned modelRate : {16000u, 32000u}) {
-        ScratchDir dir;
-        GlobalInstance global;
+        Registry registry;
         CleanerModelSpec spec;
         spec.rate = modelRate;
-        registerModel(dir, cleanerModel(spec), "default");
+        registry.add(cleanerModel(spec), "default");
         for (unsigned host : kHostRates) {
             SCOPED_TRACE("model " + std::to_string(modelRate) + " Hz, host " + std::to_string(host) + " Hz");
             void* session = sonelAudioNcCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "default");
@@ -83,12 +82,11 @@ TEST(SessionConversions, ScalingClampingAndPerfectReconstruction) {
     for (unsigned modelRate : {8000u, 16000u, 24000u, 32000u}) {
         for (unsigned compress : {0u, 2u}) {
             SCOPED_TRACE("model " + std::to_string(modelRate) + " Hz, compress rate " + std::to_string(compress));
-            ScratchDir dir;
-            GlobalInstance global;
+            Registry registry;
             CleanerModelSpec spec;
             spec.rate = modelRate;
             spec.compressRate = compress;
-            registerModel(dir, cleanerModel(spec), "default");
+            registry.add(cleanerModel(spec), "default");
             void* session = sonelAudioNcCreateSession(rate(modelRate), rate(modelRate), SONEL_AUDIO_FRAME_10MS, "default");
             ASSERT_NE(session, nullptr);
             const unsigned hop = modelRate / 100;
@@ -118,13 +116,12 @@ TEST(SessionConversions, ScalingClampingAndPerfectReconstruction) {
 }
 
 TEST(SessionCreation, ModelSelectionByRateAndRefusals) {
-    ScratchDir dir;
-    GlobalInstance global;
+    Registry registry;
     CleanerModelSpec spec;
     spec.rate = 16000;
-    registerModel(dir, cleanerModel(spec), "a16");
+    registry.add(cleanerModel(spec), "a16");
     spec.rate = 32000;
-    registerModel(dir, cleanerModel(spec), "b32");
+    registry.add(cleanerModel(spec), "b32");
     auto modelRateFor = [](unsigned host) {
         SONEL::SONEL_AUDIO::SonelAudioSessionT session(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "a16",
                                                        SONEL_AUDIO_SESSION_NC);
@@ -173,9 +170,8 @@ TEST(SessionCreation, ModelSelectionByRateAndRefusals) {
 }
 
 TEST(NcWithStats, FrameInfoStatisticsAndSpeakerFixSwitch) {
-    ScratchDir dir;
-    GlobalInstance global;
-    registerModel(dir, cleanerModel(CleanerModelSpec{}), "default");
+    Registry registry;
+    registry.add(cleanerModel(CleanerModelSpec{}), "default");
     setenv("sonel_env_csd_threshold", "0.7", 1);
     void* stats = sonelAudioNcWithStatsCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "default");
     unsetenv("sonel_env_csd_threshold");
@@ -219,12 +215,11 @@ TEST(NcWithStats, FrameInfoStatisticsAndSpeakerFixSwitch) {
 }
 
 TEST(RealTime, NoAllocationAfterTheFirstFrames) {
-    ScratchDir dir;
-    GlobalInstance global;
+    Registry registry;
     CleanerModelSpec spec;
     spec.weightScale = 1.0f;
     spec.outputBias = 0.0f;
-    registerModel(dir, cleanerModel(spec), "default");
+    registry.add(cleanerModel(spec), "default");
     for (unsigned host : {16000u, 48000u}) {
         SCOPED_TRACE(host);
         void* session = sonelAudioNcWithStatsCreateSession(rate(host), rate(host), SONEL_AUDIO_FRAME_10MS, "default");
