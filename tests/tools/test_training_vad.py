@@ -103,13 +103,20 @@ class VadTrainingTest(unittest.TestCase):
         self.assertAlmostEqual(float(np.mean(probabilities >= 0.5)), 0.5, delta=0.02)
 
         # The gate's point keeps 99 % of the speech hops, however few speech-free hops that rejects.
-        scores = rng.standard_normal(20000)
-        labels = (rng.random(20000) < 0.3).astype(np.float32)
+        # Of the ten mixtures without speech, the five far below every speech hop are silenced
+        # whole; the other five pass some hops.
+        scores = rng.standard_normal((40, 500))
+        labels = (rng.random((40, 500)) < 0.3).astype(np.float32)
+        labels[:10] = 0.0
         scores[labels > 0] += 1.0
+        scores[:5] -= 10.0
         (low, point, high), summary = detector.calibration(scores, labels)
         self.assertEqual((low, high), (scores.min(), scores.max()))
         self.assertAlmostEqual(float(np.mean(scores[labels > 0] >= point)), gated_vad.SPEECH_KEPT, delta=0.001)
         self.assertAlmostEqual(summary["noise_passed"], float(np.mean(scores[labels == 0] >= point)))
+        self.assertEqual(summary["noise_only_silenced"], 0.5)
+        self.assertAlmostEqual(summary["noise_only_hops_passed"], float(np.mean(scores[:10] >= point)))
+        self.assertGreater(summary["noise_only_hops_passed"], 0.0)
 
         # A hop is speech when either half of its frame is: one hop more than the hangover holds.
         target = np.zeros(rate // 2, np.float32)

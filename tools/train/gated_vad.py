@@ -83,11 +83,18 @@ class GatedDetector:
 
     def calibration(self, scores, labels):
         """(lowest score, the gate's point, highest score): the point is the highest score that
-        SPEECH_KEPT of the speech hops reach; printed with the share of speech-free hops it passes."""
+        SPEECH_KEPT of the speech hops reach. Printed with it, from the validation mixtures (one
+        row each): the share of speech-free hops it passes, and for the mixtures without speech,
+        the share of their hops it passes and of them it silences whole (what a cleaner behind
+        the gate needs to give silence on noise alone)."""
         point = float(np.quantile(scores[labels > 0], 1.0 - SPEECH_KEPT))
+        noise_only = ~labels.any(axis=1)
+        passed = scores[noise_only] >= point
         return (float(scores.min()), point, float(scores.max())), {
             "speech_kept": float(np.mean(scores[labels > 0] >= point)),
-            "noise_passed": float(np.mean(scores[labels == 0] >= point))}
+            "noise_passed": float(np.mean(scores[labels == 0] >= point)),
+            "noise_only_hops_passed": float(passed.mean()) if noise_only.any() else None,
+            "noise_only_silenced": float(np.mean(~passed.any(axis=1))) if noise_only.any() else None}
 
     def write(self, path, key, model, mu, sd, thresholds, timestamp):
         sw.WeightWriter(self.records(model, mu, sd, thresholds[1])).write_file(path, key)

@@ -113,7 +113,9 @@ class Vad001:
         return DetectorNetwork()
 
     def calibration(self, scores, labels):
-        """The thresholds the file carries ("Test_MINMAX" ends, "Test_BestF1"), and what to print."""
+        """The thresholds the file carries ("Test_MINMAX" ends, "Test_BestF1"), and what to print;
+        scores and labels are one row per validation mixture."""
+        scores, labels = scores.ravel(), labels.ravel()
         best, f1 = best_f1_threshold(scores, labels)
         return (float(scores.min()), best, float(scores.max())), {"validation_f1": f1}
 
@@ -362,7 +364,8 @@ def main(argv=None, detector=None, description=__doc__):
             model.eval()
             scores, labels = raw_scores(model, data, [(VALIDATION_EPOCH, i) for i in range(args.validation)],
                                         mu, sd)
-            thresholds, summary = detector.calibration(scores, labels)
+            thresholds, summary = detector.calibration(scores.reshape(args.validation, -1),
+                                                       labels.reshape(args.validation, -1))
             print(json.dumps(dict(summary, thresholds=thresholds, speech_share=float(labels.mean()))), flush=True)
             key = sw.key_from_build(args.build_dir) if args.build_dir else None
             timestamp = time.strftime("%Y%m%dT%H%M%S", time.gmtime())
