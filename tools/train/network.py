@@ -107,9 +107,9 @@ def geometry_of(args):
     geometry = GEOMETRIES[args["rate"]]
     generation = args.get("generation") or nc.VERSION
     if generation == nc6.VERSION:
-        # As wide as the rate's 0.0.5 network; its post-processing was tuned for that network.
+        # As wide as the rate's 0.0.5 network, with the soft threshold the rule gave its network.
         geometry = dataclasses.replace(geometry, generation=nc6.VERSION, hidden=(geometry.hidden[0],) * 3,
-                                       tuned_controls=())
+                                       tuned_controls=TUNED_0_0_6.get(geometry.rate, ()))
     if generation == nc7.VERSION:
         # Three times the rate's 0.0.5 width in four groups: at 32 kHz 384 wide for 350 k multiplies
         # per hop, where the shipped 0.0.5 network (256 wide) takes 481 k (docs/design.md).
@@ -133,6 +133,12 @@ GEOMETRIES = {
     32000: Geometry(32000, compress_rate=4, hidden=(128, 128),
                     tuned_controls=(("ENABLE_RM_THRESHOLD", (sw.STRING, "t")),
                                     ("RM_THRESHOLD", (sw.FLOAT, 0.6)))),
+}
+
+# The soft threshold the noise-only rule gave the 0.0.6 network trained at each rate (docs/training.md,
+# Results, item 10); a rate without one gets the library's defaults.
+TUNED_0_0_6 = {
+    32000: (("ENABLE_RM_THRESHOLD", (sw.STRING, "t")), ("RM_THRESHOLD", (sw.FLOAT, 0.3))),
 }
 
 # Post-processing the models are trained for: the library's defaults (mask squared, nothing else)
