@@ -49,8 +49,8 @@ struct GlobalInstance {
 inline void registerModelFile(const std::string& path, const std::string& name) {
     testing::internal::CaptureStdout();
     const int32_t result = sonelAudioSetModel(wide(path).c_str(), name.c_str());
-    testing::internal::GetCapturedStdout();
-    ASSERT_EQ(result, SONEL_AUDIO_OK) << path;
+    const std::string note = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(result, SONEL_AUDIO_OK) << path << ": " << note;
 }
 
 // Writes `writer` to `name`.vlw in `dir` and registers it under `name`.

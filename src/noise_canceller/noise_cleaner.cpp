@@ -236,7 +236,15 @@ std::shared_ptr<NoiseCleaner> NoiseCleaner::create(SonelAudioSamplingRate rate,
     // Only models of the session's kind compete, so a ringtone session beside a 16 kHz cleaner
     // gets the detector and an 8 kHz cleaning session never gets a detector. With none of that
     // kind registered all of them do, and a wrong one is refused below by its version.
-    const std::vector<ModelPtr> ofKind = modelsOfKind(models, kindFor(sessionType));
+    std::vector<ModelPtr> ofKind = modelsOfKind(models, kindFor(sessionType));
+    // The noise-level estimator runs a 0.0.5 cleaner: beside a newer cleaner of the same rate (the
+    // default beside the model kept for noise levels), a noise-level session takes the 0.0.5 one.
+    if (sessionType == SONEL_AUDIO_SESSION_NOISE_DB) {
+        std::vector<ModelPtr> estimators;
+        for (const ModelPtr& m : ofKind)
+            if (WEIGHTS::getWeightVersion(*m->first) == "0.0.5") estimators.push_back(m);
+        if (!estimators.empty()) ofKind = std::move(estimators);
+    }
     const ModelPtr chosen = selectModel(ofKind.empty() ? models : ofKind, rate, sessionType);
     if (!chosen) throw SonelException("Weight not found ", kCleanerFile, __LINE__, "create");
 

@@ -53,7 +53,8 @@ public:
     void setRingtoneModel(WEIGHTS::ModelPtr detector) { ringtoneModel_ = std::move(detector); }
 
     // The model class for a session. Only registered models of the session's kind compete
-    // (voice detectors, ringtone detectors or cleaners), all of them when none is of that kind.
+    // (voice detectors, ringtone detectors or cleaners), all of them when none is of that kind;
+    // a noise-level session takes the 0.0.5 cleaners alone when there are any.
     static std::shared_ptr<NoiseCleaner> create(SonelAudioSamplingRate rate,
                                                 SonelAudioFrameDuration duration, const char* name,
                                                 SonelAudioSessionType sessionType);

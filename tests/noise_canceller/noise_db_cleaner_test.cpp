@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "model_factory.h"
+#include "noise_canceller/noise_cleaner_v0_0_7.h"
 #include "noise_canceller/noise_db_cleaner_v0_0_1.h"
 #include "sonel_audio_sdk/session.h"
 #include "test_support.h"
@@ -196,4 +198,22 @@ TEST(NoiseLevel, ReturnCodesAndFramesWithoutAllocation) {
         }
         EXPECT_EQ(sonelAudioNoiseDbCloseSession(session), SONEL_AUDIO_OK);
     }
+}
+
+TEST(NoiseLevel, SessionTakesTheZeroZeroFiveCleanerBesideANewerOneOfTheSameRate) {
+    // "alpha" sorts first, so by the rate rule alone both kinds of session would get the 0.0.7 file
+    // and the noise-level one would be refused: a cleaning session still gets it, a noise-level
+    // session gets the 0.0.5 file it can run.
+    Registry registry;
+    registry.add(writerOf(layerNormCleanerModel(20, 0.0f, false)), "alpha");
+    registry.add(cleanerModel(CleanerModelSpec{}), "beta");
+    void* level = sonelAudioNoiseDbCreateSession(rate(16000), SONEL_AUDIO_FRAME_10MS, "alpha");
+    void* cleaning = sonelAudioNcCreateSession(rate(16000), rate(16000), SONEL_AUDIO_FRAME_10MS, "beta");
+    ASSERT_NE(level, nullptr);
+    ASSERT_NE(cleaning, nullptr);
+    EXPECT_NE(dynamic_cast<SONEL::NOISE_CANCELLER::NoiseCleaner_v0_0_7*>(
+                  &static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(cleaning)->cleaner()),
+              nullptr);
+    sonelAudioNoiseDbCloseSession(level);
+    sonelAudioNcCloseSession(cleaning);
 }
