@@ -23,9 +23,10 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/sonel-audio-sdk.pc.in
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/sonel-audio-sdk.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# The shipped models (enciphered form: the cleaners and the two detectors) for hosts that
-# register a model by path, and the sonel tool, which has the default models compiled in.
+# The shipped models (enciphered form: the cleaners, the two detectors and the 0.0.5 cleaner for
+# noise levels) for hosts that register a model by path, and the sonel tool, which has the
+# default models compiled in.
 file(GLOB sonel_shipped_models ${PROJECT_SOURCE_DIR}/models/sonel-nc-*.sw ${PROJECT_SOURCE_DIR}/models/sonel-vad.sw
-     ${PROJECT_SOURCE_DIR}/models/sonel-ringtone.sw)
+     ${PROJECT_SOURCE_DIR}/models/sonel-ringtone.sw ${PROJECT_SOURCE_DIR}/models/sonel-noise-level.sw)
 install(FILES ${sonel_shipped_models} DESTINATION ${CMAKE_INSTALL_DATADIR}/sonel/models)
 install(TARGETS sonel RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -159,7 +159,7 @@ int main(int argc, char** argv) {
         {"tiny-8k", tinyModel(8000)},
         {"tiny-16k", tinyModel(16000)},
         {"shipped-16k-small-network", shippedWithSmallNetwork(models + "sonel-nc-16k.sw")},
-        {"shipped-32k-small-network", shippedWithSmallNetwork(models + "sonel-nc-32k.sw")},
+        {"shipped-32k-small-network", shippedWithSmallNetwork(models + "sonel-noise-level.sw")},
     };
     for (const auto& [name, model] : seeds) {
         write(out / "set_model_blob" / (name + ".sw"), model.toEnciphered());

@@ -38,7 +38,7 @@ import testsets
 EVAL_DIR = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(EVAL_DIR))
 DEFAULT_DATA = os.path.join(os.path.dirname(REPO), "shared", "data")
-MODELS = {16000: "models/sonel-nc-16k.sw", 48000: "models/sonel-nc-32k.sw"}
+MODELS = {16000: "models/sonel-nc-16k.sw", 48000: "models/sonel-noise-level.sw"}  # 0.0.5 cleaners
 FRAME_S = 0.01
 FLOOR_DBFS = -120.0
 TIME_CONSTANT_S = 0.25

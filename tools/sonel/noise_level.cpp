@@ -76,7 +76,8 @@ int runNoiseLevel(const Args& args) {
     if (int status = readAudio(inPath, input)) return status;
     Library library;
     if (!library.ok()) return reportError("the library could not be initialised");
-    if (int status = loadModel(modelPath, kModelName, kEmbeddedModel, kEmbeddedModelSize)) return status;
+    if (int status = loadModel(modelPath, kModelName, kEmbeddedNoiseLevelModel, kEmbeddedNoiseLevelModelSize))
+        return status;
 
     // Each channel has its own session; a frame's level is that of its noisiest channel, the
     // noise a listener of the mix hears most.
