@@ -1,44 +1,29 @@
-// One 10 ms frame through the public float path, at 16 and 48 kHz host rates, with 16 and 32 kHz
-// cleaning models of the size the shipped models use (random weights: the cost does not depend on
-// them), the noise-level estimator on the same models, and the shipped voice and ringtone
-// detectors.
+// One 10 ms frame through the public float path, at 16 and 48 kHz host rates, with the shipped
+// 16 and 32 kHz cleaners, the noise-level estimator on the shipped 0.0.5 cleaners, and the
+// shipped voice and ringtone detectors.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 #include <vector>
 
-#include "model_factory.h"
 #include "sonel-audio-sdk.h"
 
 namespace {
 
-// Shipped geometry: bins 1 .. N/2, compress rate 4 at 32 kHz (60 bands) and 3 at 16 kHz
-// (50 bands), two frames of context, two hidden layers.
-sonel_test::CleanerModelSpec shippedSize(unsigned rate) {
-    sonel_test::CleanerModelSpec spec;
-    spec.rate = rate;
-    spec.compressRate = rate == 32000 ? 4 : 3;
-    spec.previewFrames = 2;
-    spec.hidden = rate == 32000 ? 256 : 192;
-    spec.layers = 2;
-    spec.weightScale = 1.0f;
-    spec.outputBias = 0.0f;
-    spec.fullBand = false;
-    return spec;
+// The shipped cleaner for a model rate: the default, or the 0.0.5 one noise levels run on.
+std::wstring shippedCleaner(unsigned rate, bool forNoiseLevel) {
+    const std::string name = rate == 16000 ? "sonel-nc-16k" : forNoiseLevel ? "sonel-noise-level" : "sonel-nc-32k";
+    const std::string path = SONEL_SOURCE_DIR "/models/" + name + ".vlw";
+    return std::wstring(path.begin(), path.end());
 }
 
 void BM_NcFrame(benchmark::State& state) {
     const auto hostRate = static_cast<unsigned>(state.range(0));
     const auto modelRate = static_cast<unsigned>(state.range(1));
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("sonel-bench-" + std::to_string(modelRate) + ".vlw")).string();
-    sonel_test::cleanerModel(shippedSize(modelRate)).writeFile(path);
     sonelAudioGlobalInit(nullptr);
-    const std::wstring widePath(path.begin(), path.end());
-    sonelAudioSetModel(widePath.c_str(), "bench");
+    sonelAudioSetModel(shippedCleaner(modelRate, false).c_str(), "bench");
     void* session = sonelAudioNcCreateSession(static_cast<SonelAudioSamplingRate>(hostRate),
                                               static_cast<SonelAudioSamplingRate>(hostRate),
                                               SONEL_AUDIO_FRAME_10MS, "bench");
@@ -60,7 +45,6 @@ void BM_NcFrame(benchmark::State& state) {
     sonelAudioNcCloseSession(session);
     sonelAudioRemoveModel("bench");
     sonelAudioGlobalDestroy();
-    std::filesystem::remove(path);
 }
 
 BENCHMARK(BM_NcFrame)
@@ -121,12 +105,8 @@ BENCHMARK(BM_RingtoneFrame)->ArgName("host_hz")->Arg(16000)->Arg(44100)->Arg(480
 void BM_NoiseDbFrame(benchmark::State& state) {
     const auto hostRate = static_cast<unsigned>(state.range(0));
     const auto modelRate = static_cast<unsigned>(state.range(1));
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("sonel-bench-db-" + std::to_string(modelRate) + ".vlw")).string();
-    sonel_test::cleanerModel(shippedSize(modelRate)).writeFile(path);
     sonelAudioGlobalInit(nullptr);
-    const std::wstring widePath(path.begin(), path.end());
-    sonelAudioSetModel(widePath.c_str(), "bench");
+    sonelAudioSetModel(shippedCleaner(modelRate, true).c_str(), "bench");
     void* session = sonelAudioNoiseDbCreateSession(static_cast<SonelAudioSamplingRate>(hostRate),
                                                    SONEL_AUDIO_FRAME_10MS, "bench");
     if (!session) {
@@ -142,7 +122,6 @@ void BM_NoiseDbFrame(benchmark::State& state) {
     sonelAudioNoiseDbCloseSession(session);
     sonelAudioRemoveModel("bench");
     sonelAudioGlobalDestroy();
-    std::filesystem::remove(path);
 }
 
 BENCHMARK(BM_NoiseDbFrame)

@@ -115,7 +115,7 @@ def section(google, stream, model, command, machine, load):
         "means more than medians)." % (machine, load),
         "",
         "Sonel models for the whole-stream rows: `%s` (sha256 `%s`)%s. The Google Benchmark "
-        "`BM_NcFrame` rows use random models of the shipped size (`bench/session_bench.cpp`)."
+        "`BM_NcFrame` rows run the shipped cleaner for their model rate (`bench/session_bench.cpp`)."
         % (model["path"], model["sha256"][:16],
            ", an **untrained stand-in** of the shipped size: its cost is a trained model's, its "
            "output is not" if model["stand_in"] else ""),
