@@ -273,6 +273,8 @@ def parse_args(argv, description=__doc__):
                    help="share of mixtures without speech (false alarms are learnt there)")
     p.add_argument("--onset-weight", type=float, default=1.0,
                    help="loss weight of the first ONSET_BLOCKS speech blocks after a pause")
+    p.add_argument("--noise-only-weight", type=float, default=1.0,
+                   help="loss weight of every hop of a mixture without speech (a gate must pass none)")
     return finish_arguments(p, argv)
 
 
@@ -355,9 +357,12 @@ def main(argv=None, detector=None, description=__doc__):
             return 0
 
         def batches(epoch):
-            # Hops at an utterance's start weigh args.onset_weight (1: every hop alike).
+            # Hops at an utterance's start weigh args.onset_weight, and every hop of a mixture
+            # without speech args.noise_only_weight (1 and 1: every hop alike).
             for inputs, labels in data.batches([(epoch, i) for i in range(args.examples)], args.batch, mu, sd):
-                yield inputs, labels, 1.0 + (args.onset_weight - 1.0) * np.stack([onset_mask(l) for l in labels])
+                weights = 1.0 + (args.onset_weight - 1.0) * np.stack([onset_mask(l) for l in labels])
+                weights[~labels.any(axis=1)] = args.noise_only_weight
+                yield inputs, labels, weights
 
         train_epochs(model, optimizer, batches, args, checkpoint_path, run)
         if args.export:
