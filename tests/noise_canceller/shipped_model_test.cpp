@@ -1,4 +1,5 @@
-// Every model shipped in models/ loads through the C interface and removes noise from a noisy
+// Every trained cleaner in models/ (the shipped ones and the candidates in models/generations)
+// loads through the C interface, builds the class its file names and removes noise from a noisy
 // mixture the test builds: held-out speech and noise from the corpus when it is beside the
 // checkout, else a harmonic voice-like signal in white noise.
 #include <gtest/gtest.h>
@@ -6,9 +7,15 @@
 
 #include <cmath>
 #include <filesystem>
+#include <map>
 #include <random>
+#include <string>
 #include <vector>
 
+#include "noise_canceller/noise_cleaner_v0_0_5.h"
+#include "noise_canceller/noise_cleaner_v0_0_6.h"
+#include "noise_canceller/noise_cleaner_v0_0_7.h"
+#include "noise_canceller/noise_cleaner_with_vad_v0_0_7.h"
 #include "sonel_audio_sdk/session.h"
 #include "test_support.h"
 
@@ -66,6 +73,11 @@ double siSdr(const std::vector<float>& reference, const std::vector<float>& esti
     return 10 * std::log10(target / error);
 }
 
+template <typename Cleaner>
+bool isA(SONEL::NOISE_CANCELLER::NoiseCleaner& cleaner) {
+    return dynamic_cast<Cleaner*>(&cleaner) != nullptr;
+}
+
 }  // namespace
 
 TEST(ShippedModels, EveryModelRemovesNoiseFromANoisyMixture) {
@@ -89,18 +101,36 @@ TEST(ShippedModels, EveryModelRemovesNoiseFromANoisyMixture) {
     for (size_t i = 0; i < lead; ++i) noisy[i] = static_cast<float>(gain * noise[(i * 7) % noise.size()]);
     for (size_t i = 0; i < speech.size(); ++i) noisy.push_back(speech[i] + static_cast<float>(gain * noise[i]));
 
-    size_t tested = 0;
+    // The cleaners (the detectors beside them clean nothing) and the class each file builds.
+    using namespace SONEL::NOISE_CANCELLER;
+    const std::map<std::string, bool (*)(NoiseCleaner&)> classOf = {
+        {"sonel-nc-16k.sw", isA<NoiseCleaner_v0_0_5>},
+        {"sonel-nc-32k.sw", isA<NoiseCleaner_v0_0_7>},
+        {"sonel-noise-level.sw", isA<NoiseCleaner_v0_0_5>},
+        {"sonel-nc-32k-v0.0.6.vlw", isA<NoiseCleaner_v0_0_6>},
+        {"sonel-nc-32k-v0.0.7-gated.vlw", isA<NoiseCleanerWithVad_v0_0_7>},
+    };
+    std::vector<std::filesystem::path> files;
     for (const auto& entry : std::filesystem::directory_iterator(models)) {
-        // The cleaners; the voice detector beside them cleans nothing.
         const std::string name = entry.path().filename().string();
-        if (entry.path().extension() != ".sw" || name.rfind("sonel-nc-", 0) != 0) continue;
-        SCOPED_TRACE(entry.path().filename().string());
+        if (entry.path().extension() == ".sw" && (name.rfind("sonel-nc-", 0) == 0 || name == "sonel-noise-level.sw"))
+            files.push_back(entry.path());
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(models / "generations")) files.push_back(entry.path());
+
+    size_t tested = 0;
+    for (const auto& path : files) {
+        const std::string name = path.filename().string();
+        SCOPED_TRACE(name);
         ++tested;
         GlobalInstance global;
-        registerModelFile(entry.path().string(), "shipped");
+        registerModelFile(path.string(), "shipped");
         void* handle = sonelAudioNcCreateSession(SONEL_AUDIO_RATE_48000, SONEL_AUDIO_RATE_48000,
                                                  SONEL_AUDIO_FRAME_10MS, "shipped");
         ASSERT_NE(handle, nullptr);
+        auto& cleaner = static_cast<SONEL::SONEL_AUDIO::SonelAudioSessionT*>(handle)->cleaner();
+        ASSERT_TRUE(classOf.count(name)) << "a trained cleaner with no class listed here";
+        EXPECT_TRUE(classOf.at(name)(cleaner));
         const unsigned frame = kRate / 100;
         std::vector<float> out(noisy.size() + 4 * frame), padded = noisy;
         padded.resize(out.size(), 0.0f);
