@@ -6,8 +6,8 @@ of each item's noise part, at 16 and 48 kHz hosts; writes docs/noise-level.md.
 
 The test sets are the quality evaluation's (testsets.py: the mixtures and the noise-only items),
 rendered at each rate. Each item goes through `sonel noise-level --format frames` as a float WAV
-file, with the shipped model a host at that rate would register (the 16 kHz model at 16 kHz, the
-32 kHz model at 48 kHz, as the quality evaluation's best fit).
+file, with the shipped 0.0.5 cleaner a host at that rate would register for noise levels (the
+16 kHz model at 16 kHz, the 32 kHz noise-level model at 48 kHz).
 
 The truth for frame k is the estimator's own figure computed on the noise part alone, which the
 rendering knows (mixture minus clean speech): l_k = 10 log10 of the mean square of the noise over
@@ -144,7 +144,7 @@ def page(results, times, args, command):
              "reported minus true, in dB: median and 90th percentile of the absolute error, and the "
              "median signed error (bias). A mixture frame is *speech* when the clean speech's power "
              "over it is within 25 dB of its active level, else *pause*. Models: the 16 kHz model at "
-             "16 kHz, the 32 kHz model at 48 kHz.", "",
+             "16 kHz, the 32 kHz noise-level model (`models/sonel-noise-level.sw`) at 48 kHz.", "",
              "| host | noise | speech: median | p90 | bias | pause: median | p90 | bias | "
              "noise alone: median | p90 | bias |",
              "|---|---|---|---|---|---|---|---|---|---|---|"]
@@ -183,7 +183,7 @@ def page(results, times, args, command):
         if t is None:
             return "not measured"
         return "%.1f µs (%s; cleaning alone %.1f µs)" % (t, "met" if t <= TARGET_FRAME_US else "missed", nc)
-    lines.append("| at most %g µs per frame | %s | %s (32 kHz model); %s (16 kHz model) |"
+    lines.append("| at most %g µs per frame | %s | %s (32 kHz noise-level model); %s (16 kHz model) |"
                  % (TARGET_FRAME_US, cost(16000, 16000), cost(48000, 32000), cost(48000, 16000)))
     lines.append("")
     if times:
