@@ -116,4 +116,6 @@ function(sonel_bundle_model target)
     COMMAND ${CMAKE_COMMAND} -E copy_if_different ${PROJECT_SOURCE_DIR}/models/sonel-nc-32k.sw
             "${bundle_dir}/c6.f.s.ced125.sw"
     VERBATIM)
+  # The copy runs when the target links: a new model must relink it, or the bundle keeps the old one.
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/models/sonel-nc-32k.sw)
 endfunction()
